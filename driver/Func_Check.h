@@ -1,0 +1,29 @@
+// Reply validation, checksums and hex-digit conversions.
+#ifndef FUNC_CHECK_H
+#define FUNC_CHECK_H
+
+#include <QtCore/QByteArray>
+#include <cstdint>
+
+// 0 bad reply; 1 good, carrying data to store; 2 good, nothing to store.
+int CheckGetData(const QByteArray& reply, int len);
+// 1 when a reply of not-yet-known length is good, else 0.
+int NotFixReturnCheck(const QByteArray& reply);
+
+// DF1 block check (two's complement of the byte sum): 1 to 256, only its low byte is sent.
+int CalLRC(const unsigned char* bytes, unsigned short len);
+// Byte sum truncated to 16 bits.
+uint16_t CalSUM(const unsigned char* bytes, unsigned short len);
+// CRC-16/ARC: poly 0xA001 reflected, init 0, no final XOR.
+uint16_t CalCRC(const unsigned char* bytes, unsigned short len);
+// XOR of the bytes, starting from the first one.
+uint16_t CalXOR(const unsigned char* bytes, unsigned short len);
+
+int DigitalToASCII(int value);
+int ASCIIToDigital(int character);
+
+// DLE de-stuffing of reply body positions [first, last]: a doubled DLE counts once,
+// a lone DLE is kept.
+QByteArray UnstuffReplyBody(const QByteArray& reply, int first, int last);
+
+#endif

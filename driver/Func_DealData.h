@@ -1,0 +1,14 @@
+// Storing reply data into the local image.
+#ifndef FUNC_DEALDATA_H
+#define FUNC_DEALDATA_H
+
+#include <QtCore/QByteArray>
+#include <cstdint>
+
+void SaveToLocalDataErea(const QByteArray& reply);
+void SaveWordToUS(const QByteArray& reply, uint16_t* area);
+void SaveWordToUI(const QByteArray& reply, uint32_t* area);
+void SaveT_C_PRE(const QByteArray& reply, uint16_t* area);
+void SaveT_C_ACC(const QByteArray& reply, uint16_t* area);
+
+#endif

@@ -1,0 +1,84 @@
+// The driver object: all state of the plug-in, in one static instance.
+// Internal to the library and its tests; hosts include only
+// ab_controllogix_compactlogix.h.
+#ifndef AB_CONTROLLOGIX_COMPACTLOGIX_P_H
+#define AB_CONTROLLOGIX_COMPACTLOGIX_P_H
+
+#include "ab_controllogix_compactlogix.h"
+
+#include <QtCore/QList>
+#include <QtCore/QMutex>
+
+#include <cstdint>
+
+// Elements in each local area (word areas and the 32-bit area alike).
+constexpr int kAreaElements = 65536;
+
+class AB_ControlLogix_CompactLogix {
+public:
+    AB_ControlLogix_CompactLogix();
+    ~AB_ControlLogix_CompactLogix();
+    AB_ControlLogix_CompactLogix(const AB_ControlLogix_CompactLogix&) = delete;
+    AB_ControlLogix_CompactLogix& operator=(const AB_ControlLogix_CompactLogix&) = delete;
+
+    ComInfo* comInfo;                 // the host's settings; null until SetComInfo
+    QList<RW_VAR> readList;           // cyclic reads, rotated as they are served
+    QList<RW_VAR> writeList;          // pending writes
+    QList<RW_VAR> onceReadList;       // pending one-shot reads
+    QList<RW_VAR> spareList;          // kept for the record layout; never filled
+    QList<Protocol> protocolList;     // built and not yet answered; [0] is on the wire
+    QList<EXTENDVAR> extendList;      // find-or-add registry
+    CallBackFunc callBack;
+    int32_t callBackCtx;
+    QMutex listMutex;                 // the four variable lists and protocolList
+    QMutex imageMutex;                // the three local areas; taken after listMutex
+    RW_VAR current;                   // the record DataCom returns
+    int32_t mode;                     // queue of the request on the wire: 0 cyclic, 1 write, 2 one-shot
+    int32_t writeBurst;
+    int32_t onceBurst;
+    int32_t cycleCount;
+    int32_t tns;                      // transaction number of the next request
+    uint8_t commError;                // 1 while the last exchange failed
+    uint8_t commError2;
+    uint16_t areaA[kAreaElements];    // types 0 and 2
+    uint16_t areaB[kAreaElements];    // types 1 and 3
+    uint32_t areaD[kAreaElements];    // type 4
+};
+
+#if UINTPTR_MAX == 0xFFFFFFFFu
+static_assert(sizeof(AB_ControlLogix_CompactLogix) == 524416,
+              "the driver object is 524,416 bytes on the 32-bit panel");
+#endif
+
+extern AB_ControlLogix_CompactLogix PLC_driver;
+
+// Globals beside the object: the three addresses handed to FlashLocalRegister.
+extern void* LB;
+extern void* LW;
+extern void* RWI;
+
+// The settings record the driver works on. Until the host calls SetComInfo this
+// is a private zeroed record, so a host that calls out of order gets defaults
+// instead of a null dereference.
+ComInfo& settings();
+
+// commError is written by the communication thread and read by the screens'
+// SetRegisterData; these accessors make that one unlocked flag race-free.
+inline bool commErrorSet() { return __atomic_load_n(&PLC_driver.commError, __ATOMIC_RELAXED) != 0; }
+inline void setCommError(bool failed) {
+    __atomic_store_n(&PLC_driver.commError, static_cast<uint8_t>(failed ? 1 : 0), __ATOMIC_RELAXED);
+}
+
+// Returns the driver object to its state right after loading (lists empty,
+// areas zeroed, mode 100, a fresh transaction number) and forgets the settings
+// record and callback. For tests and tools that link the driver statically.
+void ResetDriverForTest();
+
+// Scheduler and reply processing.
+int DealDataOfLocalArea(const QByteArray& reply, int len);
+int DealDataOfRemoteArea(const QByteArray& reply, int len);
+int GetDriverReturnValue(int outcome);
+int SwitchErrorReturn(int base);
+void passRetValue(const RW_VAR* source, RW_VAR* destination);
+
+#endif
