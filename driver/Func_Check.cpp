@@ -1,0 +1,121 @@
+// Reply validation, checksums and hex-digit conversions: pure functions that
+// read the request on the wire and the reply counter but change nothing.
+#include "Func_Check.h"
+
+#include "ab_controllogix_compactlogix_p.h"
+#include "protocol_constants.h"
+
+namespace {
+
+constexpr int kShortestReply = 9;  // lead-in, a byte of body, DLE ETX, BCC
+
+uint8_t ByteAt(const QByteArray& bytes, int position) {
+    return static_cast<uint8_t>(bytes.at(position));
+}
+
+// DLE ACK DLE STX at the front, DLE ETX before the last byte (the block check).
+bool HasReplyEnvelope(const QByteArray& reply, int len) {
+    return ByteAt(reply, 0) == df1::DLE && ByteAt(reply, 1) == df1::ACK &&
+           ByteAt(reply, 2) == df1::DLE && ByteAt(reply, 3) == df1::STX &&
+           ByteAt(reply, len - 2) == df1::ETX && ByteAt(reply, len - 3) == df1::DLE;
+}
+
+}  // namespace
+
+QByteArray UnstuffReplyBody(const QByteArray& reply, int first, int last) {
+    QByteArray body;
+    if (first < 0) first = 0;
+    if (last >= reply.size()) last = reply.size() - 1;
+    body.reserve(last >= first ? last - first + 1 : 0);
+    bool previousWasKeptDle = false;
+    for (int i = first; i <= last; ++i) {
+        const uint8_t b = ByteAt(reply, i);
+        if (b != df1::DLE) {
+            body.append(static_cast<char>(b));
+            previousWasKeptDle = false;
+        } else if (!previousWasKeptDle) {
+            body.append(static_cast<char>(b));
+            previousWasKeptDle = true;
+        } else {
+            previousWasKeptDle = false;  // the second DLE of a pair
+        }
+    }
+    return body;
+}
+
+int CheckGetData(const QByteArray& reply, int len) {
+    const ComInfo& s = settings();
+    if (s.replyDone != 0) return (len == 0 && s.replyDone == 1) ? 2 : 0;
+    if (len < kShortestReply) return 0;
+    // Positions are counted by `len`; a length beyond the bytes actually
+    // received cannot describe a good reply, and must not be read past.
+    if (len > reply.size()) return 0;
+    if (!HasReplyEnvelope(reply, len)) return 0;
+
+    const QByteArray body = UnstuffReplyBody(reply, 4, len - 4);
+    const int bcc = CalLRC(reinterpret_cast<const unsigned char*>(body.constData()),
+                           static_cast<unsigned short>(body.size()));
+    if ((bcc & 0xFF) != ByteAt(reply, len - 1)) return 0;
+
+    if (PLC_driver.protocolList.isEmpty()) return 0;
+    switch (PLC_driver.protocolList.first().var.aux2) {
+        case 0: return 1;
+        case 1: return 2;
+        default: return 0;
+    }
+}
+
+int NotFixReturnCheck(const QByteArray& reply) {
+    const int n = reply.size();
+    if (n < kMinimumFirstReply) return 0;
+    if (!HasReplyEnvelope(reply, n)) return 0;
+    const int check = CheckGetData(reply, n);
+    return (check == 1 || check == 2) ? 1 : 0;
+}
+
+// Two's complement of the byte sum; a sum whose low byte is 0 gives 256, which
+// every caller reads through its low byte as 0.
+int CalLRC(const unsigned char* bytes, unsigned short len) {
+    if (len == 0 || !bytes) return 256;
+    uint32_t sum = 0;
+    for (unsigned i = 0; i < len; ++i) sum += bytes[i];
+    return static_cast<int>((~sum) & 0xFF) + 1;
+}
+
+uint16_t CalSUM(const unsigned char* bytes, unsigned short len) {
+    if (len == 0 || !bytes) return 0;
+    uint32_t sum = 0;
+    for (unsigned i = 0; i < len; ++i) sum += bytes[i];
+    return static_cast<uint16_t>(sum);
+}
+
+// CRC-16/ARC: polynomial 0xA001 reflected, initial value 0, no final XOR.
+uint16_t CalCRC(const unsigned char* bytes, unsigned short len) {
+    if (len == 0 || !bytes) return 0;
+    uint16_t crc = 0;
+    for (unsigned i = 0; i < len; ++i) {
+        crc ^= bytes[i];
+        for (int bit = 0; bit < 8; ++bit)
+            crc = (crc & 1) ? static_cast<uint16_t>((crc >> 1) ^ 0xA001) : static_cast<uint16_t>(crc >> 1);
+    }
+    return crc;
+}
+
+// The first byte is the starting value even for a length of 0 or 1.
+uint16_t CalXOR(const unsigned char* bytes, unsigned short len) {
+    if (!bytes) return 0;
+    uint8_t x = bytes[0];
+    for (unsigned i = 1; i < len; ++i) x ^= bytes[i];
+    return x;
+}
+
+int DigitalToASCII(int value) { return value <= 9 ? value + 0x30 : value + 0x37; }
+
+// '0'..'9' and the six characters after them give 0..15, 'A'..'F' give 10..15;
+// lowercase letters are not folded.
+int ASCIIToDigital(int character) {
+    if (character <= 0x2F) return 0;
+    if (character <= 0x3F) return character - 0x30;
+    if (character == 0x40) return 0;
+    return character - 0x37;
+}

@@ -1,0 +1,252 @@
+// Host access to the local image: the screens read values out of it and hand
+// new values in, without ever waiting for the controller.
+#include "Func_GetOrSetData.h"
+
+#include "Func_Initi.h"
+#include "ab_controllogix_compactlogix_p.h"
+#include "protocol_constants.h"
+
+#include <QtCore/QMutexLocker>
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+constexpr int64_t kAreaBits = static_cast<int64_t>(kAreaElements) * 16;
+
+int32_t Wrap32(int64_t value) { return static_cast<int32_t>(static_cast<uint32_t>(value)); }
+
+// The elements i in [first, last) of a run of n starting at `index` that lie
+// inside an area of `size` elements. Indexes come from host texts and records
+// and are not trusted: elements outside the area are skipped, the rest handled.
+struct Span {
+    int64_t first;
+    int64_t last;
+    bool empty() const { return last <= first; }
+};
+
+Span InsideArea(int64_t index, int64_t n, int64_t size) {
+    return {std::max<int64_t>(0, -index), std::min<int64_t>(n, size - index)};
+}
+
+// Grows `out` so that it holds `bytes` bytes; new bytes read 0.
+void GrowTo(QByteArray* out, int64_t bytes) {
+    const int old = out->size();
+    if (bytes <= old) return;
+    out->resize(static_cast<int>(bytes));
+    std::memset(out->data() + old, 0, static_cast<size_t>(bytes - old));
+}
+
+uint8_t InByte(const QByteArray& in, int64_t i) { return static_cast<uint8_t>(in.at(static_cast<int>(i))); }
+
+}  // namespace
+
+int QueryFinishFlag() { return 1; }
+
+int ExtendFindSameVar(int a, int b, int c) {
+    QList<EXTENDVAR>& list = PLC_driver.extendList;
+    for (int i = 0; i < list.size(); ++i) {
+        const EXTENDVAR& e = list.at(i);
+        if (e.extA == a && e.extB == b && e.extC == c) return i;
+    }
+    EXTENDVAR entry;
+    entry.extA = a;
+    entry.extB = b;
+    entry.extC = c;
+    entry.extData = QByteArray(2, '\0');
+    list.append(entry);
+    return list.size() - 1;
+}
+
+// ---- area <-> byte array helpers ------------------------------------------------
+
+void GetBitFromUS(QByteArray* out, const uint16_t* area, int index, int n) {
+    const Span span = InsideArea(index, n, kAreaBits);
+    if (!out || !area || span.empty()) return;
+    GrowTo(out, span.last);
+    for (int64_t i = span.first; i < span.last; ++i) {
+        const int64_t bit = index + i;
+        (*out)[static_cast<int>(i)] = static_cast<char>((area[bit >> 4] >> (bit & 15)) & 1);
+    }
+}
+
+void GetWordFromUS(QByteArray* out, const uint16_t* area, int index, int n) {
+    const Span span = InsideArea(index, n, kAreaElements);
+    if (!out || !area || span.empty()) return;
+    GrowTo(out, 2 * span.last);
+    for (int64_t i = span.first; i < span.last; ++i) {
+        const uint16_t word = area[index + i];
+        (*out)[static_cast<int>(2 * i)] = static_cast<char>(word & 0xFF);
+        (*out)[static_cast<int>(2 * i + 1)] = static_cast<char>(word >> 8);
+    }
+}
+
+// The host counts 32-bit variables in 16-bit units: n units are n / 2 values.
+void GetWordFromUI(QByteArray* out, const uint32_t* area, int index, int n) {
+    if (n < 2) return;
+    const Span span = InsideArea(index, n / 2, kAreaElements);
+    if (!out || !area || span.empty()) return;
+    GrowTo(out, 4 * span.last);
+    for (int64_t k = span.first; k < span.last; ++k) {
+        const uint32_t value = area[index + k];
+        for (int b = 0; b < 4; ++b)
+            (*out)[static_cast<int>(4 * k + b)] = static_cast<char>((value >> (8 * b)) & 0xFF);
+    }
+}
+
+// Only the byte value 1 sets a bit; every other value clears it.
+void SetBitToUS(int index, uint16_t* area, const QByteArray& in, int n) {
+    const Span span = InsideArea(index, std::min<int64_t>(n, in.size()), kAreaBits);
+    if (!area) return;
+    for (int64_t i = span.first; i < span.last; ++i) {
+        const int64_t bit = index + i;
+        const uint16_t mask = static_cast<uint16_t>(1u << (bit & 15));
+        if (InByte(in, i) == 1)
+            area[bit >> 4] |= mask;
+        else
+            area[bit >> 4] &= static_cast<uint16_t>(~mask);
+    }
+}
+
+// Elements whose bytes are missing from `in` keep their old value.
+void SetWordToUS(int index, uint16_t* area, const QByteArray& in, int n) {
+    const Span span = InsideArea(index, std::min<int64_t>(n, in.size() / 2), kAreaElements);
+    if (!area) return;
+    for (int64_t i = span.first; i < span.last; ++i)
+        area[index + i] = static_cast<uint16_t>(InByte(in, 2 * i) | (InByte(in, 2 * i + 1) << 8));
+}
+
+void SetWordToUI(int index, uint32_t* area, const QByteArray& in, int n) {
+    if (n < 2) return;
+    const Span span = InsideArea(index, std::min<int64_t>(n / 2, in.size() / 4), kAreaElements);
+    if (!area) return;
+    for (int64_t k = span.first; k < span.last; ++k) {
+        uint32_t value = 0;
+        for (int b = 3; b >= 0; --b) value = (value << 8) | InByte(in, 4 * k + b);
+        area[index + k] = value;
+    }
+}
+
+// ---- image entry points ------------------------------------------------------------
+
+void WriteDataToLocal(RW_VAR* var) {
+    if (!var) return;
+    AB_ControlLogix_CompactLogix& d = PLC_driver;
+    QMutexLocker lock(&d.imageMutex);
+    if (settings().multiStation != 0) return;  // several stations: no image is kept
+    switch (var->dataType) {
+        case ABCL_BIT_A: SetBitToUS(var->address, d.areaA, var->data, var->count); break;
+        case ABCL_BIT_B: SetBitToUS(var->address, d.areaB, var->data, var->count); break;
+        case ABCL_WORD_A: SetWordToUS(var->address, d.areaA, var->data, var->count); break;
+        case ABCL_WORD_B: SetWordToUS(var->address, d.areaB, var->data, var->count); break;
+        case ABCL_REAL: SetWordToUI(var->address, d.areaD, var->data, var->count); break;
+        default: break;
+    }
+}
+
+int GetRegisterData(int /*unused1*/, int dataType, QString addr, int /*unused2*/, QByteArray* out,
+                    int count) {
+    const int a = StringAddressToInt(dataType, addr);
+    if (a < 0) return 0;
+    AB_ControlLogix_CompactLogix& d = PLC_driver;
+    QMutexLocker lock(&d.imageMutex);
+    if (!out) return 1;
+    QByteArray values = *out;
+    if (settings().multiStation == 0) {
+        switch (dataType) {
+            case ABCL_BIT_A: GetBitFromUS(&values, d.areaA, a, count); break;
+            case ABCL_BIT_B: GetBitFromUS(&values, d.areaB, a, count); break;
+            case ABCL_WORD_A: GetWordFromUS(&values, d.areaA, a, count); break;
+            case ABCL_WORD_B: GetWordFromUS(&values, d.areaB, a, count); break;
+            case ABCL_REAL: GetWordFromUI(&values, d.areaD, a, count); break;
+            default: break;
+        }
+    }
+    *out = values;
+    return 1;
+}
+
+namespace {
+
+// `bytes` bytes of `source` from `offset` on; bytes past its end read 0.
+QByteArray SliceZeroPadded(const QByteArray& source, int64_t offset, int64_t bytes) {
+    if (bytes <= 0) return QByteArray();
+    QByteArray slice(static_cast<int>(bytes), '\0');
+    const int64_t from = std::max<int64_t>(0, offset);
+    const int64_t to = std::min<int64_t>(source.size(), offset + bytes);
+    if (to > from)
+        std::memcpy(slice.data() + (from - offset), source.constData() + from,
+                    static_cast<size_t>(to - from));
+    return slice;
+}
+
+// Queues one write and, while the link is failing (no frame will be built to
+// mirror it), shows the value in the image at once.
+int QueueWrite(RW_VAR* w) {
+    const int length = AddListWriteVar(w, 0);
+    if (commErrorSet()) WriteDataToLocal(w);
+    return length;
+}
+
+}  // namespace
+
+int SetRegisterData(QString addr2, int dataType, QString addr, int station, QByteArray* in,
+                    int count, int varId, int varSubId) {
+    const int a = StringAddressToInt(dataType, addr);
+    if (a < 0) return 0;
+    if (count > kMaxWriteCount) return 0;  // no area holds that many elements
+
+    const ComInfo& s = settings();
+    const QByteArray values = in ? *in : QByteArray();
+    RW_VAR w;
+    w.varId = varId;
+    w.varSubId = varSubId;
+    w.aux2 = 1;  // a write's reply only confirms
+    w.aux3 = s.remoteMode;
+    w.linkNo = s.localLinkNo;
+    w.addrText2 = addr2;
+    w.addrText = addr;
+    w.dataType = dataType;
+    w.station = s.multiStation == 0 ? s.defaultStation : station;
+    w.aux12 = 0;
+    w.aux13 = 0;
+
+    if (s.writeMode != 2) {  // the value only goes into the image
+        w.address = a;
+        w.count = count;
+        w.data = values;
+        WriteDataToLocal(&w);
+        return 1;
+    }
+
+    if (dataType == ABCL_BIT_A || dataType == ABCL_BIT_B) {
+        if (count <= 0) return 0;
+        int length = 0;
+        for (int i = 0; i < count; ++i) {  // every bit is its own write request
+            w.count = 1;
+            w.address = Wrap32(static_cast<int64_t>(a) + i);
+            w.data = QByteArray(1, i < values.size() ? values.at(i) : '\0');
+            length = QueueWrite(&w);
+        }
+        return length;
+    }
+
+    if (dataType >= ABCL_WORD_A && dataType <= ABCL_REAL) {
+        const int maxCount = s.maxCount;
+        const PieceSplit split = SplitIntoPieces(count, maxCount);
+        if (split.pieces == 0) return 0;
+        int length = 0;
+        for (int k = 0; k < split.pieces; ++k) {
+            // The address advances by maxCount elements and the byte offset by two
+            // bytes per count unit, also for 32-bit values.
+            const int64_t first = static_cast<int64_t>(k) * maxCount;
+            w.address = Wrap32(a + first);
+            w.count = (k == split.pieces - 1) ? split.lastCount : maxCount;
+            w.data = SliceZeroPadded(values, 2 * first, 2 * static_cast<int64_t>(w.count));
+            length = QueueWrite(&w);
+        }
+        return length;
+    }
+    return 0;
+}

@@ -1,0 +1,56 @@
+// Direct-mode read requests: Read Tag Fragmented for a run of elements.
+#include "Func_Read.h"
+
+#include "df1_frame.h"
+#include "protocol_constants.h"
+
+namespace {
+
+// Byte counts are 32-bit values on the panel and wrap there; the savers never
+// trust them beyond the reply's size.
+int32_t WrappedProduct(int64_t count, int bytesPerElement) {
+    return static_cast<int32_t>(static_cast<uint32_t>(count * bytesPerElement));
+}
+
+void QueueRead(RW_VAR* var, char letter, int elements, int dataBytes) {
+    FrameWriter w;
+    WriteWordAddressedHead(w, cip::SERVICE_READ_TAG_FRAGMENTED, letter, var->address);
+    // The element count goes high byte first, at the place where a controller
+    // reads the element number's high byte and then the count's low byte: for
+    // every count below 256 that is element number and count as meant.
+    w.putStuffed(frame_offset::BUILDER_DATA, (elements >> 8) & 0xFF);
+    w.putStuffed(34, elements & 0xFF);
+    for (int offset = 35; offset < frame_offset::READ_TRAILER; ++offset) w.put(offset, 0x00);
+    QueueProtocol(w.finish(frame_offset::READ_TRAILER), kUnknownReplyLength, kReadReplyDataPos,
+                  dataBytes, *var);
+}
+
+}  // namespace
+
+void ReadRegister(RW_VAR* var) {
+    if (!var) return;
+    switch (var->dataType) {
+        case ABCL_BIT_A:
+        case ABCL_BIT_B:
+        case ABCL_WORD_A:
+        case ABCL_WORD_B: ReadAnalog(var); break;
+        case ABCL_REAL: ReadAnalog_F(var); break;
+        default: break;  // unsupported types build nothing
+    }
+}
+
+void ReadAnalog(RW_VAR* var) {
+    if (!var) return;
+    const bool bFile = var->dataType == ABCL_BIT_A || var->dataType == ABCL_WORD_A;
+    QueueRead(var, bFile ? kLetterBitFile : kLetterIntegerFile, var->count,
+              WrappedProduct(var->count, 2));
+}
+
+// A 32-bit record asks for one element less than its count (at least one);
+// hosts size their REAL variables with this in mind.
+void ReadAnalog_F(RW_VAR* var) {
+    if (!var) return;
+    const int64_t oneLess = static_cast<int64_t>(var->count) - 1;
+    const int elements = oneLess < 1 ? 1 : static_cast<int>(oneLess);
+    QueueRead(var, kLetterFloatFile, elements, WrappedProduct(elements, 4));
+}
