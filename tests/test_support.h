@@ -1,0 +1,54 @@
+// Shared test helpers: a fresh driver and settings record for every test, and
+// hex conversions for writing frames the way protocol tables print them.
+#ifndef ABCL_TEST_SUPPORT_H
+#define ABCL_TEST_SUPPORT_H
+
+#include "ab_controllogix_compactlogix.h"
+#include "ab_controllogix_compactlogix_p.h"
+
+#include <gtest/gtest.h>
+
+#include <QtCore/QByteArray>
+#include <QtCore/QString>
+
+#include <cstring>
+#include <string>
+
+// "10 06 10 02" -> bytes. Blanks are ignored.
+inline QByteArray Hex(const char* text) {
+    return QByteArray::fromHex(QByteArray(text).replace(' ', ""));
+}
+
+// bytes -> "10 06 10 02", upper case, for readable failure messages.
+inline std::string ToHex(const QByteArray& bytes) {
+    std::string out;
+    static const char digits[] = "0123456789ABCDEF";
+    for (int i = 0; i < bytes.size(); ++i) {
+        const auto b = static_cast<unsigned char>(bytes[i]);
+        if (i) out += ' ';
+        out += digits[b >> 4];
+        out += digits[b & 15];
+    }
+    return out;
+}
+
+// A driver as right after loading, wired to a zeroed settings record that the
+// test owns (`info`), with single-station defaults a panel would use.
+class DriverTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ResetDriverForTest();
+        std::memset(&info, 0, sizeof info);
+        info.maxCount = 32;
+        info.defaultStation = 1;
+        info.retryLimit = 2;
+        info.localLinkNo = 0;
+        info.writeMode = 2;
+        SetComInfo(&info);
+    }
+    void TearDown() override { ResetDriverForTest(); }
+
+    ComInfo info;
+};
+
+#endif
