@@ -6,7 +6,6 @@
 #include "ab_controllogix_compactlogix_p.h"
 #include "protocol_constants.h"
 
-#include <QtCore/QMutexLocker>
 
 #include <algorithm>
 #include <cstring>
@@ -133,7 +132,7 @@ void SetWordToUI(int index, uint32_t* area, const QByteArray& in, int n) {
 void WriteDataToLocal(RW_VAR* var) {
     if (!var) return;
     AB_ControlLogix_CompactLogix& d = PLC_driver;
-    QMutexLocker lock(&d.imageMutex);
+    DriverLock lock(&d.imageMutex);
     if (settings().multiStation != 0) return;  // several stations: no image is kept
     switch (var->dataType) {
         case ABCL_BIT_A: SetBitToUS(var->address, d.areaA, var->data, var->count); break;
@@ -150,7 +149,7 @@ int GetRegisterData(int /*unused1*/, int dataType, QString addr, int /*unused2*/
     const int a = StringAddressToInt(dataType, addr);
     if (a < 0) return 0;
     AB_ControlLogix_CompactLogix& d = PLC_driver;
-    QMutexLocker lock(&d.imageMutex);
+    DriverLock lock(&d.imageMutex);
     if (!out) return 1;
     QByteArray values = *out;
     if (settings().multiStation == 0) {

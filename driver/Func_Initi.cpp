@@ -5,7 +5,6 @@
 #include "ab_controllogix_compactlogix_p.h"
 #include "protocol_constants.h"
 
-#include <QtCore/QMutexLocker>
 #include <QtCore/QStringList>
 
 #include <algorithm>
@@ -158,7 +157,7 @@ int AddListReadVar(RW_VAR* var) {
 
 int ReCreatReadVarList(QList<ReadVarItem*>* items) {
     AB_ControlLogix_CompactLogix& d = PLC_driver;
-    QMutexLocker lock(&d.listMutex);
+    DriverLock lock(&d.listMutex);
     d.readList.clear();
     if (!items || items->isEmpty()) return 0;
 
@@ -208,7 +207,7 @@ int ReCreatReadVarList(QList<ReadVarItem*>* items) {
 
 int AddListWriteVar(RW_VAR* var, int mode) {
     AB_ControlLogix_CompactLogix& d = PLC_driver;
-    QMutexLocker lock(&d.listMutex);
+    DriverLock lock(&d.listMutex);
     if (!var) return d.writeList.size();
     if (mode == 1 || d.writeList.size() <= 1) {
         d.writeList.append(*var);
@@ -230,7 +229,7 @@ int AddListOnceReadVar(RW_VAR* var, int mode) {
     AB_ControlLogix_CompactLogix& d = PLC_driver;
     if (!var) return 0;
     if (mode == 1) {
-        QMutexLocker lock(&d.listMutex);
+        DriverLock lock(&d.listMutex);
         d.onceReadList.append(*var);
         return d.onceReadList.size();
     }
@@ -254,7 +253,7 @@ int AddListOnceReadVar(RW_VAR* var, int mode) {
     const int maxCount = s.maxCount;
     const PieceSplit split = SplitIntoPieces(var->count, maxCount);
 
-    QMutexLocker lock(&d.listMutex);
+    DriverLock lock(&d.listMutex);
     for (int k = 0; k < split.pieces; ++k) {
         const int64_t step = static_cast<int64_t>(k) * maxCount * (bits ? 16 : 1);
         var->address = Wrap32(start + step);

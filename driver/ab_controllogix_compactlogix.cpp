@@ -8,7 +8,6 @@
 #include "Func_Write.h"
 #include "protocol_constants.h"
 
-#include <QtCore/QMutexLocker>
 #include <QtCore/QTime>
 #include <QtCore/QtGlobal>
 
@@ -145,7 +144,7 @@ void ResetDriverForTest() {
 
 Protocol* ComCommunication() {
     AB_ControlLogix_CompactLogix& d = PLC_driver;
-    QMutexLocker lock(&d.listMutex);
+    DriverLock lock(&d.listMutex);
     if (!d.protocolList.isEmpty()) return &d.protocolList.first();
 
     if (!d.writeList.isEmpty() && d.writeBurst < kBurstLimit) {
@@ -208,7 +207,7 @@ int DealDataOfLocalArea(const QByteArray& reply, int len) {
     if (p.replyLen != len) return GetDriverReturnValue(kLocalWrongLength);
     const int check = CheckGetData(reply, len);
     if (check == 1) {
-        QMutexLocker lock(&PLC_driver.imageMutex);
+        DriverLock lock(&PLC_driver.imageMutex);
         SaveToLocalDataErea(reply);
         return GetDriverReturnValue(kLocalGood);
     }
@@ -306,7 +305,7 @@ RW_VAR* DataCom(QByteArray reply, int len) {
 
     // The scheduler, the list entry points and a rebuild of the cyclic list on
     // another thread meet here; one lock covers the whole bookkeeping.
-    QMutexLocker lock(&d.listMutex);
+    DriverLock lock(&d.listMutex);
     if (code != 1 && code != 100) {
         d.cycleCount = 0;
         setCommError(true);

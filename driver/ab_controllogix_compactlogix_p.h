@@ -11,6 +11,43 @@
 
 #include <cstdint>
 
+#if defined(__SANITIZE_THREAD__)
+#define ABCL_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define ABCL_TSAN 1
+#endif
+#endif
+#if defined(ABCL_TSAN)
+extern "C" void __tsan_acquire(void* addr);
+extern "C" void __tsan_release(void* addr);
+#endif
+
+// Holds one of the driver's mutexes for a scope. The system's Qt is not built
+// for ThreadSanitizer, so a contended QMutex hands over inside a library the
+// sanitizer cannot see; under ThreadSanitizer the guard tells it about the
+// hand-over itself, so real races still show and false ones do not.
+class DriverLock {
+public:
+    explicit DriverLock(QMutex* mutex) : mutex_(mutex) {
+        mutex_->lock();
+#if defined(ABCL_TSAN)
+        __tsan_acquire(mutex_);
+#endif
+    }
+    ~DriverLock() {
+#if defined(ABCL_TSAN)
+        __tsan_release(mutex_);
+#endif
+        mutex_->unlock();
+    }
+    DriverLock(const DriverLock&) = delete;
+    DriverLock& operator=(const DriverLock&) = delete;
+
+private:
+    QMutex* mutex_;
+};
+
 // Elements in each local area (word areas and the 32-bit area alike).
 constexpr int kAreaElements = 65536;
 
