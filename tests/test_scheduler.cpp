@@ -1,0 +1,479 @@
+// The request scheduler: which queue ComCommunication serves next, the burst
+// limit of five priority requests, the request on the wire being handed out
+// again until its reply is processed, and the builder family chosen per frame.
+#include "test_support.h"
+
+#include "reply_builder.h"
+
+#include <vector>
+
+namespace {
+
+using replies::Framed;
+using replies::RequestTns;
+
+constexpr uint8_t kTns = 0x21;
+
+// A one-word write to 'N' file 7 as the host would queue it (aux2 1: the reply
+// only confirms).
+RW_VAR WordWrite(int varId, int element, uint16_t value, int station = 1) {
+    RW_VAR v;
+    v.varId = varId;
+    v.varSubId = 0;
+    v.aux2 = 1;
+    v.linkNo = 0;
+    v.dataType = ABCL_WORD_B;
+    v.addrText = QString("7:%1").arg(element);
+    v.address = 7 * 256 + element;
+    v.station = station;
+    v.count = 1;
+    v.data.append(static_cast<char>(value & 0xFF));
+    v.data.append(static_cast<char>(value >> 8));
+    return v;
+}
+
+// A word read of 'N' file 7 (aux2 0: the reply carries data).
+RW_VAR WordRead(int varId, int element, int count, int station = 1) {
+    RW_VAR v;
+    v.varId = varId;
+    v.varSubId = -1;
+    v.aux2 = 0;
+    v.linkNo = 0;
+    v.dataType = ABCL_WORD_B;
+    v.addrText = QString("7:%1").arg(element);
+    v.address = 7 * 256 + element;
+    v.station = station;
+    v.count = count;
+    return v;
+}
+
+int QueueWrite(RW_VAR v) {
+    return AddListWriteVar(&v, 1);
+}
+int QueueOnce(RW_VAR v) {
+    return AddListOnceReadVar(&v, 1);
+}
+int QueueCyclic(RW_VAR v) {
+    return AddListReadVar(&v);
+}
+
+class Scheduler : public DriverTest {
+protected:
+    void SetUp() override {
+        DriverTest::SetUp();
+        PLC_driver.tns = kTns;
+    }
+
+    // Acknowledges the write on the wire.
+    RW_VAR* AckWrite(const Protocol* p) {
+        const QByteArray reply = replies::WriteReply(RequestTns(*p));
+        return DataCom(reply, reply.size());
+    }
+
+    // Answers the read on the wire: the first reply fixes the length, the
+    // same request is handed out again and its reply is processed in full.
+    RW_VAR* AnswerRead(Protocol* p) {
+        std::vector<uint16_t> words(static_cast<size_t>(p->var.count), 0x0102);
+        const QByteArray reply = replies::WordReadReply(RequestTns(*p), words);
+        RW_VAR* first = DataCom(reply, reply.size());
+        EXPECT_EQ(first->result, 1);
+        EXPECT_EQ(ComCommunication(), p) << "the read goes out again after its length is known";
+        return DataCom(reply, reply.size());
+    }
+
+    // Serves and answers whatever the scheduler hands out next; returns the
+    // served record's varId, or -1000 when nothing was handed out.
+    int ServeNext() {
+        Protocol* p = ComCommunication();
+        if (!p) return -1000;
+        const int varId = p->var.varId;
+        const RW_VAR* r = p->replyLen == -1 ? AnswerRead(p) : AckWrite(p);
+        EXPECT_EQ(r->result, 1) << "exchange for varId " << varId;
+        return varId;
+    }
+};
+
+TEST_F(Scheduler, AllListsEmpty_ReturnsNullResetsBurstsAndSetsCycleDone) {
+    PLC_driver.writeBurst = 3;
+    PLC_driver.onceBurst = 4;
+    info.cycleDone = 0;
+
+    EXPECT_EQ(ComCommunication(), nullptr);
+    EXPECT_EQ(PLC_driver.writeBurst, 0);
+    EXPECT_EQ(PLC_driver.onceBurst, 0);
+    EXPECT_EQ(info.cycleDone, 1);
+    EXPECT_TRUE(PLC_driver.protocolList.isEmpty());
+}
+
+TEST_F(Scheduler, SixWrites_SixthCallIdlesAtBurstLimit_SeventhServesSixthWrite) {
+    for (int id = 1; id <= 6; ++id)
+        QueueWrite(WordWrite(id, id, static_cast<uint16_t>(0x100 + id)));
+
+    for (int call = 1; call <= 5; ++call) {
+        Protocol* p = ComCommunication();
+        ASSERT_NE(p, nullptr) << "call " << call;
+        EXPECT_EQ(p->var.varId, call);
+        EXPECT_EQ(PLC_driver.mode, 1);
+        EXPECT_EQ(PLC_driver.writeBurst, call);
+        EXPECT_EQ(p->frame.size(), 47) << "a one-word write frame";
+        EXPECT_EQ(AckWrite(p)->result, 1);
+        EXPECT_EQ(PLC_driver.writeList.size(), 6 - call);
+    }
+
+    info.cycleDone = 0;
+    EXPECT_EQ(ComCommunication(), nullptr) << "burst limit reached, nothing else to serve";
+    EXPECT_EQ(PLC_driver.writeList.size(), 1) << "the sixth write is still pending";
+    EXPECT_EQ(PLC_driver.writeBurst, 0);
+    EXPECT_EQ(PLC_driver.onceBurst, 0);
+    EXPECT_EQ(info.cycleDone, 1);
+
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p->var.varId, 6);
+    EXPECT_EQ(PLC_driver.writeBurst, 1);
+}
+
+TEST_F(Scheduler, WritesAndCyclicReads_FiveWritesThenOneCyclicReadResettingBursts) {
+    for (int id = 1; id <= 8; ++id) QueueWrite(WordWrite(id, id, 0x0203));
+    QueueCyclic(WordRead(100, 40, 2));
+    QueueCyclic(WordRead(101, 50, 3));
+
+    std::vector<int> served;
+    for (int i = 0; i < 5; ++i) served.push_back(ServeNext());
+    EXPECT_EQ(served, (std::vector<int>{1, 2, 3, 4, 5}));
+    EXPECT_EQ(PLC_driver.writeBurst, 5);
+
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p->var.varId, 100);
+    EXPECT_EQ(PLC_driver.mode, 0);
+    EXPECT_EQ(PLC_driver.writeBurst, 0) << "a cyclic read resets the burst counters";
+    EXPECT_EQ(PLC_driver.onceBurst, 0);
+    EXPECT_EQ(AnswerRead(p)->result, 1);
+
+    served.clear();
+    for (int i = 0; i < 4; ++i) served.push_back(ServeNext());
+    EXPECT_EQ(served, (std::vector<int>{6, 7, 8, 101}))
+        << "writes again, then the next cyclic read";
+}
+
+TEST_F(Scheduler, WritesOnceReadsAndCyclic_FiveOfEachPriorityQueueThenOneCyclicRead) {
+    for (int id = 1; id <= 7; ++id) QueueWrite(WordWrite(id, id, 0x0405));
+    for (int id = 21; id <= 27; ++id) QueueOnce(WordRead(id, id, 1));
+    QueueCyclic(WordRead(100, 60, 2));
+
+    std::vector<int> served;
+    for (int i = 0; i < 14; ++i) served.push_back(ServeNext());
+    EXPECT_EQ(served, (std::vector<int>{1, 2, 3, 4, 5, 21, 22, 23, 24, 25, 100, 6, 7, 26}));
+}
+
+TEST_F(Scheduler, OnceReadWhileWriteBurstSpent_LeavesWriteBurstAlone) {
+    for (int id = 1; id <= 6; ++id) QueueWrite(WordWrite(id, id, 0x0405));
+    QueueOnce(WordRead(21, 30, 1));
+    for (int i = 0; i < 5; ++i) ServeNext();
+    ASSERT_EQ(PLC_driver.writeBurst, 5);
+
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p->var.varId, 21);
+    EXPECT_EQ(PLC_driver.mode, 2);
+    EXPECT_EQ(PLC_driver.onceBurst, 1);
+    EXPECT_EQ(PLC_driver.writeBurst, 5);
+}
+
+TEST_F(Scheduler, WriteServed_LeavesOnceBurstAlone) {
+    PLC_driver.onceBurst = 3;
+    QueueWrite(WordWrite(1, 1, 0x0405));
+    ASSERT_NE(ComCommunication(), nullptr);
+    EXPECT_EQ(PLC_driver.writeBurst, 1);
+    EXPECT_EQ(PLC_driver.onceBurst, 3);
+}
+
+TEST_F(Scheduler, OnceReadsOnly_SixthCallIdlesThenServesTheRest) {
+    for (int id = 21; id <= 27; ++id) QueueOnce(WordRead(id, id, 1));
+    std::vector<int> served;
+    for (int i = 0; i < 9; ++i) served.push_back(ServeNext());
+    EXPECT_EQ(served, (std::vector<int>{21, 22, 23, 24, 25, -1000, 26, 27, -1000}));
+}
+
+TEST_F(Scheduler, RequestOutstanding_SameAddressUntilDataComRemovesIt) {
+    QueueWrite(WordWrite(1, 1, 0x0405));
+    QueueWrite(WordWrite(2, 2, 0x0405));
+
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(ComCommunication(), p);
+    EXPECT_EQ(PLC_driver.protocolList.size(), 1);
+    EXPECT_EQ(PLC_driver.writeBurst, 1) << "nothing new was started";
+    EXPECT_EQ(PLC_driver.writeList.size(), 2);
+
+    ASSERT_EQ(AckWrite(p)->result, 1);
+    EXPECT_TRUE(PLC_driver.protocolList.isEmpty());
+    Protocol* next = ComCommunication();
+    ASSERT_NE(next, nullptr);
+    EXPECT_EQ(next->var.varId, 2);
+}
+
+TEST_F(Scheduler, ReadOutstanding_SameAddressWhileItsLengthIsLearnt) {
+    QueueCyclic(WordRead(100, 0, 4));
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    ASSERT_EQ(p->replyLen, -1);
+    EXPECT_EQ(ComCommunication(), p);
+
+    const QByteArray reply = replies::WordReadReply(RequestTns(*p), {1, 2, 3, 4});
+    ASSERT_EQ(DataCom(reply, reply.size())->result, 1);
+    EXPECT_EQ(ComCommunication(), p);
+    EXPECT_EQ(p->replyLen, reply.size());
+    ASSERT_EQ(DataCom(reply, reply.size())->result, 1);
+    EXPECT_TRUE(PLC_driver.protocolList.isEmpty());
+}
+
+TEST_F(Scheduler, FailedWrite_RetriesAreCountedAsStartedRequests) {
+    info.retryLimit = 5;
+    QueueWrite(WordWrite(1, 1, 0x0405));
+    for (int attempt = 1; attempt <= 3; ++attempt) {
+        Protocol* p = ComCommunication();
+        ASSERT_NE(p, nullptr);
+        EXPECT_EQ(p->var.varId, 1);
+        EXPECT_EQ(PLC_driver.writeBurst, attempt);
+        EXPECT_EQ(DataCom(QByteArray(), 0)->result, 0);
+    }
+}
+
+TEST_F(Scheduler, WriteOfUnsupportedType_ReturnsNullButModeAndBurstChangeAndEntryStays) {
+    RW_VAR bad = WordWrite(9, 1, 0x0405);
+    bad.dataType = 7;
+    QueueWrite(bad);
+    PLC_driver.mode = 0;
+    info.cycleDone = 0;
+
+    EXPECT_EQ(ComCommunication(), nullptr);
+    EXPECT_EQ(PLC_driver.mode, 1);
+    EXPECT_EQ(PLC_driver.writeBurst, 1);
+    ASSERT_EQ(PLC_driver.writeList.size(), 1);
+    EXPECT_EQ(PLC_driver.writeList.first().varId, 9);
+    EXPECT_TRUE(PLC_driver.protocolList.isEmpty());
+    EXPECT_EQ(info.cycleDone, 0) << "the scheduler did not go idle";
+
+    EXPECT_EQ(ComCommunication(), nullptr) << "the same entry is tried again";
+    EXPECT_EQ(PLC_driver.writeBurst, 2);
+    EXPECT_EQ(PLC_driver.writeList.size(), 1);
+}
+
+TEST_F(Scheduler, OnceReadOfUnsupportedType_ReturnsNullWithModeTwo) {
+    RW_VAR bad = WordRead(9, 1, 1);
+    bad.dataType = -1;
+    QueueOnce(bad);
+
+    EXPECT_EQ(ComCommunication(), nullptr);
+    EXPECT_EQ(PLC_driver.mode, 2);
+    EXPECT_EQ(PLC_driver.onceBurst, 1);
+    EXPECT_EQ(PLC_driver.onceReadList.size(), 1);
+}
+
+TEST_F(Scheduler, UnsupportedTypeAtHead_BurstLimitLetsCyclicReadsRun) {
+    RW_VAR bad = WordWrite(9, 1, 0x0405);
+    bad.dataType = 7;
+    QueueWrite(bad);
+    QueueCyclic(WordRead(100, 0, 2));
+
+    for (int call = 1; call <= 5; ++call) EXPECT_EQ(ComCommunication(), nullptr) << "call " << call;
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p->var.varId, 100);
+    EXPECT_EQ(PLC_driver.mode, 0);
+    EXPECT_EQ(AnswerRead(p)->result, 1);
+    EXPECT_EQ(ComCommunication(), nullptr) << "the write burst starts again on the bad entry";
+    EXPECT_EQ(PLC_driver.writeBurst, 1);
+}
+
+TEST_F(Scheduler, ModeNamesTheQueueOfTheRequestOnTheWire) {
+    EXPECT_EQ(PLC_driver.mode, 100) << "no request yet";
+    QueueWrite(WordWrite(1, 1, 0x0405));
+    QueueOnce(WordRead(21, 5, 1));
+    QueueCyclic(WordRead(100, 0, 2));
+
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(PLC_driver.mode, 1);
+    AckWrite(p);
+    p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(PLC_driver.mode, 2);
+    AnswerRead(p);
+    p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(PLC_driver.mode, 0);
+}
+
+TEST_F(Scheduler, RemoteModeSwitchedBetweenCalls_NextWriteUsesRemoteFrame) {
+    QueueWrite(WordWrite(1, 2, 0x1234));
+    QueueWrite(WordWrite(2, 3, 0x1234));
+
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(ToHex(p->frame.left(4)), "10 06 10 02");
+    EXPECT_EQ(static_cast<uint8_t>(p->frame[22]), 0x53);
+    ASSERT_EQ(AckWrite(p)->result, 1);
+
+    info.remoteMode = 1;
+    p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p->var.varId, 2);
+    // Length byte, varId, aux2, linkNo, station, dataType, address, count, aux12,
+    // aux13, the two value bytes and the byte sum.
+    QByteArray expected =
+        Hex("18 02 01 00 01 00 03 00 00 07 03 00 01 00 00 00 00 00 00 00 00 34 12");
+    unsigned sum = 0;
+    for (char c : expected) sum += static_cast<uint8_t>(c);
+    expected.append(static_cast<char>(sum & 0xFF));
+    EXPECT_EQ(ToHex(p->frame), ToHex(expected));
+    EXPECT_EQ(p->frameLen, 24);
+}
+
+TEST_F(Scheduler, RemoteModeSwitchedBack_NextReadUsesPlcFrame) {
+    info.remoteMode = 1;
+    QueueCyclic(WordRead(100, 0, 2));
+    QueueCyclic(WordRead(101, 8, 2));
+
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p->frame.size(), 22);
+    EXPECT_EQ(static_cast<uint8_t>(p->frame[0]), 0x16);
+    PLC_driver.protocolList.clear();  // as after a failed exchange
+
+    info.remoteMode = 0;
+    p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p->frame.size(), 45);
+    EXPECT_EQ(ToHex(p->frame.left(4)), "10 06 10 02");
+    EXPECT_EQ(static_cast<uint8_t>(p->frame[22]), 0x52);
+}
+
+TEST_F(Scheduler, RemoteModeSwitchedWhileRequestOutstanding_SameFrameHandedOut) {
+    QueueWrite(WordWrite(1, 2, 0x1234));
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    const QByteArray frame = p->frame;
+    info.remoteMode = 1;
+    EXPECT_EQ(ComCommunication(), p);
+    EXPECT_EQ(ToHex(p->frame), ToHex(frame));
+}
+
+TEST_F(Scheduler, CyclicWordRead_FrameAndBookkeeping) {
+    // 'N' file 7, element 0, ten elements, transaction 0x21.
+    QueueCyclic(WordRead(100, 0, 10));
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(ToHex(p->frame),
+              "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 "
+              "30 37 29 00 00 00 0A 00 00 00 00 00 00 00 10 03 78");
+    EXPECT_EQ(p->frameLen, 45);
+    EXPECT_EQ(p->replyLen, -1);
+    EXPECT_EQ(p->dataPos, 26);
+    EXPECT_EQ(p->dataBytes, 20);
+    EXPECT_EQ(info.replyDone, 0);
+    EXPECT_EQ(info.replyTotal, 1);
+}
+
+// One-shot bit reads are queued in bit units; the frame must name the word
+// that holds the bits.
+class OneShotBitRead : public Scheduler {
+protected:
+    void QueueBits() {
+        RW_VAR v;
+        v.varId = 9;
+        v.varSubId = 1;
+        v.dataType = ABCL_BIT_A;
+        v.addrText = "7:10/3";
+        v.count = 20;
+        ASSERT_EQ(AddListOnceReadVar(&v, 0), 1);
+        ASSERT_EQ(PLC_driver.onceReadList.first().address, 28832);
+        ASSERT_EQ(PLC_driver.onceReadList.first().count, 2);
+    }
+
+    static int calls;
+    static int lastStatus;
+    static int Record(int, int, int, int status) {
+        ++calls;
+        lastStatus = status;
+        return 0;
+    }
+};
+int OneShotBitRead::calls = 0;
+int OneShotBitRead::lastStatus = 0;
+
+TEST_F(OneShotBitRead, FrameNamesWordAddress_QueueEntryKeepsBitUnits) {
+    QueueBits();
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    // 'B' file 7, element 10, two words.
+    const QByteArray expected =
+        Framed(Hex("00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 42 30 30 37 "
+                   "29 00 0A 00 02 "
+                   "00 00 00 00 00 00 00"));
+    EXPECT_EQ(ToHex(p->frame), ToHex(expected));
+    EXPECT_EQ(p->frameLen, 45);
+    EXPECT_EQ(p->replyLen, -1);
+    EXPECT_EQ(p->dataPos, 26);
+    EXPECT_EQ(p->dataBytes, 4);
+    EXPECT_EQ(p->var.address, 1802) << "the request describes the word";
+    EXPECT_EQ(PLC_driver.onceReadList.first().address, 28832) << "the queue entry keeps bit units";
+}
+
+TEST_F(OneShotBitRead, ReplyLandsOnTheWordAndCallsBack) {
+    calls = 0;
+    lastStatus = 0;
+    RegistCallBackFuncIntf(&OneShotBitRead::Record, 0);
+    QueueBits();
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    // Bit 3 of word 1802 and bit 6 of word 1803 (bit 22 counted from word 1802).
+    const QByteArray reply = replies::WordReadReply(RequestTns(*p), {0x0008, 0x0040});
+    ASSERT_EQ(DataCom(reply, reply.size())->result, 1);
+    ASSERT_EQ(ComCommunication(), p);
+    ASSERT_EQ(DataCom(reply, reply.size())->result, 1);
+
+    EXPECT_EQ(PLC_driver.areaA[1802], 0x0008);
+    EXPECT_EQ(PLC_driver.areaA[1803], 0x0040);
+    EXPECT_EQ(PLC_driver.areaA[28832 & 0xFFFF], 0) << "nothing stored at the bit address";
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(lastStatus, 1);
+    EXPECT_TRUE(PLC_driver.onceReadList.isEmpty());
+    EXPECT_EQ(PLC_driver.current.address, 28832) << "the host gets its own record back";
+
+    QByteArray bits;
+    ASSERT_EQ(GetRegisterData(0, ABCL_BIT_A, "7:10/3", 0, &bits, 20), 1);
+    ASSERT_EQ(bits.size(), 20);
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(bits[i], (i == 0 || i == 19) ? 1 : 0) << "bit " << i;
+}
+
+TEST_F(OneShotBitRead, RemoteFrameCarriesWordAddress) {
+    info.remoteMode = 1;
+    QueueBits();
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    // Length, varId 9, aux2 0, linkNo 0, station 1, dataType 0, address 1802,
+    // count 2, aux12 0, aux13 0, byte sum.
+    QByteArray expected = Hex("16 09 00 00 01 00 00 00 00 07 0A 00 02 00 00 00 00 00 00 00 00");
+    unsigned sum = 0;
+    for (char c : expected) sum += static_cast<uint8_t>(c);
+    expected.append(static_cast<char>(sum & 0xFF));
+    EXPECT_EQ(ToHex(p->frame), ToHex(expected));
+    EXPECT_EQ(PLC_driver.onceReadList.first().address, 28832);
+}
+
+TEST_F(Scheduler, CyclicBitEntry_BuiltWithItsWordAddressUnchanged) {
+    // Cyclic entries already hold word addresses; they go out as they are.
+    RW_VAR v = WordRead(100, 10, 2);
+    v.dataType = ABCL_BIT_A;
+    QueueCyclic(v);
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p->var.address, 1802);
+    EXPECT_EQ(static_cast<uint8_t>(p->frame[29]), 0x37);
+    EXPECT_EQ(static_cast<uint8_t>(p->frame[32]), 0x0A);
+}
+
+}  // namespace
