@@ -1,0 +1,201 @@
+// The plcsim program: options, errors, and a round trip with the path it
+// prints, ended by SIGTERM. ABCL_TEST_LABEL_THREAD
+#include "driver_frames.h"
+#include "line_client.h"
+#include "plcsim_test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+extern char** environ;
+
+namespace {
+
+// A running plcsim with its stdout and stderr on pipes.
+class Program {
+public:
+    explicit Program(const std::vector<std::string>& args) {
+        int out[2];
+        int err[2];
+        if (pipe(out) != 0 || pipe(err) != 0) return;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+        posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+        posix_spawn_file_actions_addclose(&actions, out[0]);
+        posix_spawn_file_actions_addclose(&actions, err[0]);
+        std::vector<std::string> all = {PLCSIM_PROGRAM_PATH};
+        all.insert(all.end(), args.begin(), args.end());
+        std::vector<char*> argv;
+        for (auto& a : all) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        if (posix_spawn(&pid_, PLCSIM_PROGRAM_PATH, &actions, nullptr, argv.data(), environ) != 0)
+            pid_ = -1;
+        posix_spawn_file_actions_destroy(&actions);
+        close(out[1]);
+        close(err[1]);
+        out_ = out[0];
+        err_ = err[0];
+    }
+    ~Program() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+        if (out_ >= 0) close(out_);
+        if (err_ >= 0) close(err_);
+    }
+
+    // The first line of stdout (blocks until the program writes it).
+    std::string firstLine() {
+        std::string line;
+        char c;
+        while (read(out_, &c, 1) == 1 && c != '\n') line += c;
+        return line;
+    }
+
+    // Waits for the program to end; its exit code (-1 if killed). The rest
+    // of stdout and stderr is collected.
+    int wait() {
+        stdout_ += drain(out_);
+        stderr_ += drain(err_);
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    void signal(int sig) { kill(pid_, sig); }
+    bool started() const { return pid_ > 0; }
+    const std::string& out() const { return stdout_; }
+    const std::string& err() const { return stderr_; }
+
+private:
+    static std::string drain(int fd) {
+        std::string text;
+        char buffer[4096];
+        ssize_t n;
+        while ((n = read(fd, buffer, sizeof buffer)) > 0)
+            text.append(buffer, static_cast<std::size_t>(n));
+        return text;
+    }
+    pid_t pid_ = -1;
+    int out_ = -1;
+    int err_ = -1;
+    std::string stdout_;
+    std::string stderr_;
+};
+
+}  // namespace
+
+TEST(Program, HelpExitsZero) {
+    Program p({"--help"});
+    ASSERT_TRUE(p.started());
+    EXPECT_EQ(p.wait(), 0);
+    EXPECT_NE(p.out().find("Usage: plcsim"), std::string::npos);
+    EXPECT_NE(p.out().find("--print-path"), std::string::npos);
+}
+
+TEST(Program, BadOptionsExitTwoWithAMessage) {
+    struct Row {
+        std::vector<std::string> args;
+        const char* message;
+    };
+    const Row rows[] = {
+        {{"--bogus"}, "unknown option '--bogus'"},
+        {{"--file", "X7:10"}, "the letter must be B, N or F"},
+        {{"--file"}, "--file wants"},
+        {{"--baud", "12345"}, "--baud wants"},
+        {{"--turnaround", "-1"}, "bad or missing value for --turnaround"},
+        {{"--drop-every"}, "bad or missing value for --drop-every"},
+        {{"--silence", "100"}, "bad or missing value for --silence"},
+        {{"--duration", "0"}, "bad or missing value for --duration"},
+        {{"--device", "/dev/null", "--link", "/tmp/x"}, "--link is for pseudo-terminals only"},
+        {{"--max-reply-data", "3"}, "--max-reply-data wants"},
+    };
+    for (const auto& row : rows) {
+        Program p(row.args);
+        ASSERT_TRUE(p.started());
+        EXPECT_EQ(p.wait(), 2) << row.message;
+        EXPECT_NE(p.err().find(row.message), std::string::npos) << p.err();
+    }
+}
+
+TEST(Program, MissingDeviceExitsOne) {
+    Program p({"--device", "/nonexistent/ttyS9", "--baud", "9600"});
+    EXPECT_EQ(p.wait(), 1);
+    EXPECT_NE(p.err().find("/nonexistent/ttyS9"), std::string::npos);
+}
+
+TEST(Program, ServesThePrintedPathUntilSigterm) {
+    Program p({"--print-path", "--baud", "115200", "--turnaround", "0", "--file", "N7:16", "--file",
+               "B3:16", "--no-live"});
+    ASSERT_TRUE(p.started());
+    const std::string path = p.firstLine();
+    ASSERT_EQ(path.rfind("/dev/pts/", 0), 0u) << path;
+    LineClient client(path);
+    ASSERT_TRUE(client.ok());
+    ASSERT_TRUE(client.send(Hex(kDriverFrames[6].hex)));  // N7:2..3
+    EXPECT_EQ(client.receive(27).size(), 27u);
+    ASSERT_TRUE(client.send(Hex(kDriverFrames[0].hex)));  // N7:0, 10 elements
+    const Bytes reply = client.receive(49);
+    ASSERT_EQ(reply.size(), 49u);
+    EXPECT_EQ(ToHex(Bytes(reply.begin() + 26, reply.begin() + 34)), "00 00 00 00 34 12 10 10");
+    p.signal(SIGTERM);
+    EXPECT_EQ(p.wait(), 0);
+    EXPECT_NE(p.err().find("frames 2"), std::string::npos) << p.err();
+}
+
+TEST(Program, RemoteModeAndLinkAndSigint) {
+    const std::string link = testing::TempDir() + "plcsim_prog_link_" + std::to_string(getpid());
+    Program p({"--print-path", "--remote", "--link", link, "--baud", "0", "--turnaround", "0"});
+    ASSERT_TRUE(p.started());
+    const std::string path = p.firstLine();
+    ASSERT_FALSE(path.empty());
+    char target[256] = {};
+    ASSERT_GT(readlink(link.c_str(), target, sizeof target - 1), 0);
+    EXPECT_EQ(path, target);
+    LineClient client(link);
+    ASSERT_TRUE(client.send(
+        Hex("18 01 00 01 02 00 03 00 00 07 05 00 01 00 00 00 00 00 00 00 00 34 12 72")));
+    EXPECT_EQ(ToHex(client.receive(13)), "10 06 10 02 02 00 42 00 01 00 06 10 03");
+    p.signal(SIGINT);
+    EXPECT_EQ(p.wait(), 0);
+    struct stat st;
+    EXPECT_NE(lstat(link.c_str(), &st), 0);
+}
+
+TEST(Program, DurationEndsIt) {
+    Program p({"--duration", "0.05", "--quiet"});
+    ASSERT_TRUE(p.started());
+    EXPECT_EQ(p.wait(), 0);
+    EXPECT_TRUE(p.err().empty()) << p.err();
+}
+
+TEST(Program, FaultOptionsReachTheController) {
+    Program p({"--print-path", "--baud", "0", "--turnaround", "0", "--corrupt-next", "1",
+               "--wrong-tns-every", "2"});
+    const std::string path = p.firstLine();
+    LineClient client(path);
+    const Bytes write = Hex(kDriverFrames[7].hex);  // TNS 0x42
+    ASSERT_TRUE(client.send(write));
+    const Bytes first = client.receive(27);
+    ASSERT_TRUE(client.send(write));
+    const Bytes second = client.receive(27);
+    ASSERT_TRUE(client.send(write));
+    const Bytes third = client.receive(27);
+    ASSERT_EQ(first.size(), 27u);
+    ASSERT_EQ(second.size(), 27u);
+    ASSERT_EQ(third.size(), 27u);
+    EXPECT_EQ(first[8], 0x42);
+    EXPECT_EQ(second[8], 0x43);
+    EXPECT_EQ(third[8], 0x42);
+    EXPECT_EQ(first.back(), static_cast<uint8_t>(~third.back()));
+    p.signal(SIGTERM);
+    EXPECT_EQ(p.wait(), 0);
+    EXPECT_NE(p.err().find("corrupted 1"), std::string::npos);
+    EXPECT_NE(p.err().find("wrong-tns 1"), std::string::npos);
+}

@@ -1,0 +1,99 @@
+// Runs a Controller on a SerialLine: reads requests as they arrive, waits
+// the turnaround time, and sends the replies paced at the line's baud rate,
+// ticking the tag memory on the way. Runs on its own thread (start/stop) or
+// in the caller's (run).
+#ifndef PLCSIM_SERVER_H
+#define PLCSIM_SERVER_H
+
+#include "plcsim/controller.h"
+#include "plcsim/serial_line.h"
+#include "plcsim/tag_memory.h"
+
+#include <atomic>
+#include <cstddef>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace plcsim {
+
+// The clock the server hands to Controller::receive, in milliseconds; use it
+// for Controller::silenceFor and silenceBetween while a server runs.
+int64_t MonotonicMs();
+
+// Bytes of a reply that may be on the line elapsedNs after its first byte
+// started, at baud (10 bits a byte): byte k starts at k byte times. With
+// baud 0 the whole reply may go at once.
+std::size_t PacedBytesAllowed(int64_t elapsedNs, int baud, std::size_t total);
+
+struct ServerOptions {
+    // Output pace in bits per second, 10 bits per byte (start, 8 data, stop).
+    // 0 sends each reply at once. A real device paces itself; this is for
+    // pseudo-terminals, which would otherwise deliver instantly.
+    int paceBaud = 19200;
+    // Time from the last byte of a request to the first byte of the reply.
+    uint32_t turnaroundMs = 5;
+    // A partial frame is forgotten when the line stays quiet this long.
+    uint32_t gapResetMs = 200;
+    // The memory is ticked this often with the time that really passed;
+    // 0: the server never ticks it.
+    uint32_t tickIntervalMs = 100;
+    // Stop by itself after this long; 0: run until stopped.
+    uint32_t runForMs = 0;
+};
+
+struct ServerCounters {
+    uint64_t bytesReceived = 0;
+    uint64_t bytesSent = 0;
+    uint64_t gapResets = 0;
+};
+
+class Server {
+public:
+    // The controller, memory and line must outlive the server.
+    Server(Controller& controller, TagMemory& memory, SerialLine& line, ServerOptions options);
+    ~Server();
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    // Starts the server thread and returns once it is serving: bytes written
+    // to the line from then on are answered. False (with a reason) if the
+    // server cannot run or is already running.
+    bool start(std::string* error = nullptr);
+    // Stops the thread and waits for it; harmless when not running.
+    void stop();
+
+    // Serves in the calling thread until requestStop(), runForMs or a line
+    // error. Returns 0 after a requested or timed stop, 1 after a line error
+    // (error() says which).
+    int run();
+    // Asks run() to return. Async-signal-safe: may be called from a signal
+    // handler.
+    void requestStop() noexcept;
+
+    bool running() const { return running_.load(); }
+    ServerCounters counters() const;
+    std::string error() const;
+
+private:
+    int loop();
+
+    Controller& controller_;
+    TagMemory& memory_;
+    SerialLine& line_;
+    const ServerOptions options_;
+    int stopFd_ = -1;
+    std::thread thread_;
+    std::atomic<bool> running_{false};
+    mutable std::mutex mutex_;
+    std::condition_variable readyChanged_;
+    bool ready_ = false;
+    ServerCounters counters_;
+    std::string error_;
+};
+
+}  // namespace plcsim
+
+#endif

@@ -1,0 +1,212 @@
+#include "plcsim/controller.h"
+
+#include "plcsim/cip.h"
+#include "plcsim/protocol.h"
+
+#include <algorithm>
+
+namespace plcsim {
+
+namespace {
+
+constexpr int kDst = 0;
+constexpr int kSrc = 1;
+constexpr int kCmd = 2;
+constexpr int kSts = 3;
+constexpr int kTnsHigh = 5;
+// The two bytes that precede the CIP request in every message; the reply
+// carries them back in the same place.
+constexpr std::size_t kPrefixSize = 2;
+
+}  // namespace
+
+std::optional<std::vector<uint8_t>> AnswerDf1Message(const std::vector<uint8_t>& body,
+                                                     TagMemory& memory, std::size_t maxReplyData) {
+    if (body.size() < static_cast<std::size_t>(df1::kHeaderSize)) return std::nullopt;
+    // A reply that comes back to us is not a request.
+    if (body[kCmd] & df1::kReplyFlag) return std::nullopt;
+
+    std::vector<uint8_t> reply = {body[kSrc],
+                                  body[kDst],
+                                  static_cast<uint8_t>(body[kCmd] | df1::kReplyFlag),
+                                  df1::kStsSuccess,
+                                  body[df1::kHeaderTnsLow],
+                                  body[kTnsHigh]};
+    const std::size_t application = body.size() - df1::kHeaderSize;
+    if (body[kCmd] != df1::kCmdCip || application < kPrefixSize + 1) {
+        reply[kSts] = df1::kStsIllegalCommand;
+        return reply;
+    }
+    const uint8_t* prefix = body.data() + df1::kHeaderSize;
+    reply.insert(reply.end(), prefix, prefix + kPrefixSize);
+    const std::size_t budget = maxReplyData > kPrefixSize ? maxReplyData - kPrefixSize : 0;
+    const auto cipReply =
+        AnswerCipMessage(prefix + kPrefixSize, application - kPrefixSize, memory, budget);
+    reply.insert(reply.end(), cipReply.begin(), cipReply.end());
+    return reply;
+}
+
+Controller::Controller(TagMemory& memory, ControllerOptions options)
+    : memory_(memory), options_(options), remoteTransaction_(options.remoteTransactionStart) {}
+
+void Controller::resetReceiver() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    df1_.reset();
+    remote_.reset();
+}
+
+bool Controller::receiverIdle() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return options_.mode == LinkMode::kDirect ? df1_.idle() : remote_.idle();
+}
+
+void Controller::setFaults(const FaultPlan& plan) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    faults_ = plan;
+}
+
+FaultPlan Controller::faults() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return faults_;
+}
+
+void Controller::silenceFor(int64_t nowMs, uint32_t ms) {
+    silenceBetween(nowMs, nowMs + ms);
+}
+
+void Controller::silenceBetween(int64_t fromMs, int64_t untilMs) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    silentFrom_ = fromMs;
+    silentUntil_ = untilMs;
+}
+
+void Controller::endSilence() {
+    silenceBetween(0, 0);
+}
+
+ControllerCounters Controller::counters() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return counters_;
+}
+
+bool Controller::silentAt(int64_t nowMs) const {
+    return nowMs >= silentFrom_ && nowMs < silentUntil_;
+}
+
+bool Controller::hits(FaultRule* rule, uint64_t sequence) {
+    bool hit = false;
+    if (rule->next) {
+        --rule->next;
+        hit = true;
+    }
+    if (rule->every && sequence % rule->every == 0) hit = true;
+    return hit;
+}
+
+std::vector<Transmission> Controller::receive(const uint8_t* bytes, std::size_t n, int64_t nowMs) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<Transmission> out;
+    if (options_.mode == LinkMode::kDirect) {
+        for (std::size_t i = 0; i < n; ++i) {
+            if (auto event = df1_.push(bytes[i])) handleDf1Event(*event, nowMs, &out);
+        }
+    } else {
+        std::vector<RemoteEvent> events;
+        for (std::size_t i = 0; i < n; ++i) {
+            remote_.push(bytes[i], &events);
+            for (const auto& event : events) handleRemoteEvent(event, nowMs, &out);
+            events.clear();
+        }
+    }
+    return out;
+}
+
+void Controller::handleDf1Event(const Df1Event& event, int64_t nowMs,
+                                std::vector<Transmission>* out) {
+    switch (event.kind) {
+        case Df1Event::Kind::kOverflow:
+            ++counters_.overflows;
+            return;
+        case Df1Event::Kind::kBadBlockCheck:
+            ++counters_.badFrames;
+            if (options_.nakBadFrames && !silentAt(nowMs)) {
+                ++counters_.naks;
+                out->push_back({{df1::kDle, df1::kNak}, 0});
+            }
+            return;
+        case Df1Event::Kind::kFrame:
+            break;
+    }
+    ++counters_.framesReceived;
+    if (options_.detectDuplicates &&
+        event.body.size() >= static_cast<std::size_t>(df1::kHeaderSize)) {
+        std::vector<uint8_t> key = {event.body[kSrc], event.body[kCmd],
+                                    event.body[df1::kHeaderTnsLow], event.body[kTnsHigh]};
+        if (lastHeader_ == key) {
+            ++counters_.duplicates;
+            if (!silentAt(nowMs)) out->push_back({{df1::kDle, df1::kAck}, 0});
+            return;
+        }
+        lastHeader_ = std::move(key);
+    }
+    auto reply = AnswerDf1Message(event.body, memory_, options_.maxReplyData);
+    if (!reply) {
+        ++counters_.ignored;
+        return;
+    }
+    sendReply(std::move(*reply), nowMs, out);
+}
+
+void Controller::handleRemoteEvent(const RemoteEvent& event, int64_t nowMs,
+                                   std::vector<Transmission>* out) {
+    if (event.kind == RemoteEvent::Kind::kBadChecksum) {
+        ++counters_.badFrames;
+        return;
+    }
+    ++counters_.framesReceived;
+    auto request = DecodeRemoteFrame(event.frame.data(), event.frame.size());
+    if (!request) {
+        ++counters_.ignored;
+        return;
+    }
+    auto body = AnswerRemoteRequest(*request, memory_, remoteTransaction_);
+    remoteTransaction_ = NextRemoteTransaction(remoteTransaction_);
+    sendReply(std::move(body), nowMs, out);
+}
+
+void Controller::sendReply(std::vector<uint8_t> body, int64_t nowMs,
+                           std::vector<Transmission>* out) {
+    const uint64_t sequence = ++counters_.replies;
+    if (silentAt(nowMs)) {
+        ++counters_.silenced;
+        return;
+    }
+    if (hits(&faults_.drop, sequence)) {
+        ++counters_.dropped;
+        return;
+    }
+    if (hits(&faults_.wrongTns, sequence)) {
+        ++counters_.wrongTns;
+        body[df1::kHeaderTnsLow] = static_cast<uint8_t>(body[df1::kHeaderTnsLow] + 1);
+    }
+    Transmission transmission;
+    transmission.bytes = FrameReply(body);
+    if (hits(&faults_.corruptCheck, sequence)) {
+        ++counters_.corrupted;
+        transmission.bytes.back() = static_cast<uint8_t>(~transmission.bytes.back());
+    }
+    if (hits(&faults_.truncate, sequence)) {
+        ++counters_.truncated;
+        const std::size_t cut =
+            std::min<std::size_t>(faults_.truncateBytes, transmission.bytes.size());
+        transmission.bytes.resize(transmission.bytes.size() - cut);
+    }
+    if (hits(&faults_.late, sequence)) {
+        ++counters_.delayed;
+        transmission.delayMs = faults_.lateMs;
+    }
+    ++counters_.repliesSent;
+    out->push_back(std::move(transmission));
+}
+
+}  // namespace plcsim
