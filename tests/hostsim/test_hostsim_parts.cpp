@@ -1,0 +1,582 @@
+// The host simulator's parts: address texts, write values, reply reception,
+// the CIP status of a reply, option parsing, and the cyclic entries a tag
+// becomes, checked against the driver's own request building.
+#include "addresses.h"
+#include "df1_reply.h"
+#include "host.h"
+#include "options.h"
+
+#include "ab_controllogix_compactlogix.h"
+#include "ab_controllogix_compactlogix_p.h"
+
+#include <gtest/gtest.h>
+
+#include <QtCore/QList>
+#include <QtCore/QString>
+
+#include <cstdint>
+#include <cstring>
+#include <ostream>
+#include <string>
+#include <vector>
+
+using namespace hostsim;
+
+namespace {
+
+std::vector<uint8_t> Bytes(const char* hex) {
+    std::vector<uint8_t> out;
+    std::string digits;
+    for (const char* p = hex; *p; ++p)
+        if (*p != ' ') digits += *p;
+    for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
+        out.push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
+    return out;
+}
+
+// A reply as a controller frames it: DLE ACK DLE STX, the body with each DLE
+// doubled, DLE ETX, and the two's complement of the body's byte sum.
+std::vector<uint8_t> FrameReply(const std::vector<uint8_t>& body) {
+    std::vector<uint8_t> out = {0x10, 0x06, 0x10, 0x02};
+    unsigned sum = 0;
+    for (uint8_t b : body) {
+        out.push_back(b);
+        if (b == 0x10) out.push_back(b);
+        sum += b;
+    }
+    out.push_back(0x10);
+    out.push_back(0x03);
+    out.push_back(static_cast<uint8_t>(-static_cast<int>(sum & 0xFF)));
+    return out;
+}
+
+}  // namespace
+
+// ---- address texts ------------------------------------------------------
+
+struct AddressRow {
+    const char* text;
+    char letter;
+    int file, element, bit, count;
+    int dataType;
+    const char* driverText;
+    int packed;  // file x 256 + element, times 16 plus the bit for bits
+};
+
+void PrintTo(const AddressRow& row, std::ostream* os) {
+    *os << '"' << row.text << '"';
+}
+
+class TagAddressTexts : public ::testing::TestWithParam<AddressRow> {};
+
+TEST_P(TagAddressTexts, ParseToDataTypeDriverTextAndPackedAddress) {
+    const AddressRow& row = GetParam();
+    TagAddress a;
+    std::string error;
+    ASSERT_TRUE(ParseTagAddress(row.text, &a, &error)) << error;
+    EXPECT_EQ(a.letter, row.letter);
+    EXPECT_EQ(a.file, row.file);
+    EXPECT_EQ(a.element, row.element);
+    EXPECT_EQ(a.bit, row.bit);
+    EXPECT_EQ(a.count, row.count);
+    EXPECT_EQ(a.dataType(), row.dataType);
+    EXPECT_EQ(a.driverText(), row.driverText);
+    EXPECT_EQ(a.packedAddress(), row.packed);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, TagAddressTexts,
+    ::testing::Values(AddressRow{"N7:0 x10", 'N', 7, 0, -1, 10, 3, "7:0", 7 * 256},
+                      AddressRow{"N7:0x10", 'N', 7, 0, -1, 10, 3, "7:0", 7 * 256},
+                      AddressRow{"n7:10X4", 'N', 7, 10, -1, 4, 3, "7:10", 7 * 256 + 10},
+                      AddressRow{"B3:0/5", 'B', 3, 0, 5, 1, 0, "3:0/5", 3 * 256 * 16 + 5},
+                      AddressRow{"B3:0", 'B', 3, 0, -1, 1, 2, "3:0", 3 * 256},
+                      AddressRow{"N7:2/15 x3", 'N', 7, 2, 15, 3, 1, "7:2/15",
+                                 (7 * 256 + 2) * 16 + 15},
+                      AddressRow{"F8:0 x4", 'F', 8, 0, -1, 4, 4, "8:0", 8 * 256},
+                      AddressRow{"  N10:255  ", 'N', 10, 255, -1, 1, 3, "10:255", 10 * 256 + 255},
+                      AddressRow{"N200:0", 'N', 200, 0, -1, 1, 3, "200:0", 200 * 256}));
+
+TEST(TagAddressTexts, PluginReadsEveryDriverTextAsThePackedAddress) {
+    for (const char* text : {"N7:0", "B3:0/5", "B3:17", "N7:2/15", "F8:200", "N10:1/0"}) {
+        TagAddress a;
+        std::string error;
+        ASSERT_TRUE(ParseTagAddress(text, &a, &error)) << error;
+        EXPECT_EQ(PLCAddressChangeIntef(a.dataType(), QString::fromStdString(a.driverText())),
+                  a.packedAddress())
+            << text;
+    }
+}
+
+class BadTagAddressTexts : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(BadTagAddressTexts, AreRefusedWithAReason) {
+    TagAddress a;
+    std::string error;
+    EXPECT_FALSE(ParseTagAddress(GetParam(), &a, &error));
+    EXPECT_NE(error.find("invalid address"), std::string::npos) << error;
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, BadTagAddressTexts,
+                         ::testing::Values("", "Q7:0", "7:0", "N7", "N:0", "N7:", "N7:256",
+                                           "N7:0/16", "F8:0/1", "N7:250 x10", "N7:0 x0", "N7:0 y3",
+                                           "N7:0x", "N201:0", "N7:0 x4 x5", "B3:255/15 x2", "N7:-1",
+                                           "N7:0/"));
+
+TEST(TagAddressTexts, BitRunCountsTheWordsThatHoldIt) {
+    TagAddress a;
+    std::string error;
+    ASSERT_TRUE(ParseTagAddress("B3:0/15 x2", &a, &error));
+    EXPECT_EQ(a.wordCount(), 2);
+    ASSERT_TRUE(ParseTagAddress("B3:0/0 x16", &a, &error));
+    EXPECT_EQ(a.wordCount(), 1);
+    ASSERT_TRUE(ParseTagAddress("B3:254/1 x31", &a, &error));
+    EXPECT_EQ(a.wordCount(), 2);
+}
+
+// ---- write texts ---------------------------------------------------------
+
+TEST(WriteTexts, WordValuesGoLowByteFirst) {
+    WriteRequest w;
+    std::string error;
+    ASSERT_TRUE(ParseWriteRequest("N7:3=1234", &w, &error)) << error;
+    EXPECT_EQ(w.address.dataType(), 3);
+    EXPECT_EQ(w.address.count, 1);
+    EXPECT_EQ(WriteBytes(w), Bytes("D2 04"));
+    ASSERT_TRUE(ParseWriteRequest("N7:3=1, 2,-1,65535", &w, &error)) << error;
+    EXPECT_EQ(w.address.count, 4);
+    EXPECT_EQ(WriteBytes(w), Bytes("01 00 02 00 FF FF FF FF"));
+}
+
+TEST(WriteTexts, BitValuesAreOneByteEach) {
+    WriteRequest w;
+    std::string error;
+    ASSERT_TRUE(ParseWriteRequest("B3:0/5=1", &w, &error)) << error;
+    EXPECT_EQ(w.address.dataType(), 0);
+    EXPECT_EQ(w.address.driverText(), "3:0/5");
+    EXPECT_EQ(WriteBytes(w), Bytes("01"));
+    ASSERT_TRUE(ParseWriteRequest("N7:1/15=0,1", &w, &error)) << error;
+    EXPECT_EQ(w.address.dataType(), 1);
+    EXPECT_EQ(WriteBytes(w), Bytes("00 01"));
+}
+
+TEST(WriteTexts, RealValuesAreIeeeSinglesLowByteFirst) {
+    WriteRequest w;
+    std::string error;
+    ASSERT_TRUE(ParseWriteRequest("F8:1=2.5", &w, &error)) << error;
+    ASSERT_EQ(w.reals.size(), 1u);
+    // 2.5 = 1.25 x 2^1: sign 0, exponent 128, mantissa 0x200000 -> 0x40200000.
+    EXPECT_EQ(RealBytes(w.reals[0]), Bytes("00 00 20 40"));
+    EXPECT_EQ(RealBytes(1.5f), Bytes("00 00 C0 3F"));
+    const std::vector<uint8_t> b = Bytes("00 00 10 40");
+    EXPECT_EQ(RealFromBytes(b.data()), 2.25f);
+}
+
+class BadWriteTexts : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(BadWriteTexts, AreRefused) {
+    WriteRequest w;
+    std::string error;
+    EXPECT_FALSE(ParseWriteRequest(GetParam(), &w, &error));
+    EXPECT_FALSE(error.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, BadWriteTexts,
+                         ::testing::Values("N7:3", "N7:3=", "N7:3=abc", "N7:3=70000", "N7:3=-32769",
+                                           "B3:0/5=2", "F8:1=abc", "F8:1=inf", "N7:3 x2=1",
+                                           "N7:255=1,2", "Q7:3=1", "N7:3=1,,2"));
+
+// ---- reply reception -----------------------------------------------------
+
+TEST(ReplyReception, CompleteAfterTrailerAndBlockCheck) {
+    const std::vector<uint8_t> reply = FrameReply(Bytes("00 00 4B 00 21 00 00 00 8A 00 00 00"));
+    ReplyAssembler r;
+    EXPECT_EQ(r.push(reply.data(), reply.size() - 1), ReplyAssembler::Status::kIncomplete);
+    EXPECT_EQ(r.push(reply.data() + reply.size() - 1, 1), ReplyAssembler::Status::kComplete);
+    EXPECT_EQ(r.bytes(), reply);
+}
+
+TEST(ReplyReception, LeadInMayComeInTwoPieces) {
+    ReplyAssembler r;
+    const std::vector<uint8_t> ack = Bytes("10 06");
+    const std::vector<uint8_t> rest = Bytes("10 02 01 02 10 03 FD");
+    EXPECT_EQ(r.push(ack.data(), ack.size()), ReplyAssembler::Status::kIncomplete);
+    EXPECT_EQ(r.push(rest.data(), rest.size()), ReplyAssembler::Status::kComplete);
+    EXPECT_EQ(r.bytes(), Bytes("10 06 10 02 01 02 10 03 FD"));
+}
+
+TEST(ReplyReception, DoubledDleFollowedByEtxIsData) {
+    // 10 10 is one data DLE; the 03 after it is data, not the trailer.
+    const std::vector<uint8_t> reply = Bytes("10 06 10 02 AA 10 10 03 BB 10 03 CC");
+    ReplyAssembler r;
+    EXPECT_EQ(r.push(reply.data(), 9), ReplyAssembler::Status::kIncomplete);
+    EXPECT_EQ(r.push(reply.data() + 9, 2), ReplyAssembler::Status::kIncomplete);
+    EXPECT_EQ(r.push(reply.data() + 11, 1), ReplyAssembler::Status::kComplete);
+}
+
+TEST(ReplyReception, ByteByByteGivesTheSameEnd) {
+    const std::vector<uint8_t> reply = FrameReply(
+        Bytes("00 10 4B 00 10 00 00 00 8A 00 00 00 01 00 04 00 D2 00 00 00 C3 00 10 10"));
+    ReplyAssembler r;
+    for (std::size_t i = 0; i + 1 < reply.size(); ++i)
+        ASSERT_EQ(r.push(&reply[i], 1), ReplyAssembler::Status::kIncomplete) << "byte " << i;
+    EXPECT_EQ(r.push(&reply.back(), 1), ReplyAssembler::Status::kComplete);
+    EXPECT_EQ(r.bytes(), reply);
+}
+
+TEST(ReplyReception, BlockCheckOf0x10IsOneByte) {
+    const std::vector<uint8_t> reply = Bytes("10 06 10 02 F0 10 03 10");
+    ReplyAssembler r;
+    EXPECT_EQ(r.push(reply.data(), reply.size()), ReplyAssembler::Status::kComplete);
+    EXPECT_EQ(r.consumed(), reply.size());
+}
+
+TEST(ReplyReception, BytesAfterTheReplyAreNotTaken) {
+    const std::vector<uint8_t> stream = Bytes("10 06 10 02 01 10 03 FF 10 06");
+    ReplyAssembler r;
+    EXPECT_EQ(r.push(stream.data(), stream.size()), ReplyAssembler::Status::kComplete);
+    EXPECT_EQ(r.consumed(), 8u);
+    EXPECT_EQ(r.bytes(), Bytes("10 06 10 02 01 10 03 FF"));
+}
+
+TEST(ReplyReception, DleNakEndsReceptionAsRefused) {
+    const std::vector<uint8_t> nak = Bytes("10 15");
+    ReplyAssembler r;
+    EXPECT_EQ(r.push(nak.data(), nak.size()), ReplyAssembler::Status::kRefused);
+}
+
+TEST(ReplyReception, AckAloneIsIncomplete) {
+    const std::vector<uint8_t> ack = Bytes("10 06");
+    ReplyAssembler r;
+    EXPECT_EQ(r.push(ack.data(), ack.size()), ReplyAssembler::Status::kIncomplete);
+}
+
+TEST(ReplyReception, BodyIsUnstuffed) {
+    const auto body = ReplyBody(Bytes("10 06 10 02 01 10 10 02 10 10 10 10 10 03 00"));
+    ASSERT_TRUE(body.has_value());
+    EXPECT_EQ(*body, Bytes("01 10 02 10 10"));
+    EXPECT_FALSE(ReplyBody(Bytes("10 06 01 02 10 03 00")).has_value());
+}
+
+// ---- CIP status of a reply -----------------------------------------------
+
+TEST(ReplyStatus, SuccessfulReadIsNotAFailure) {
+    const auto s = ReadReplyStatus(FrameReply(
+        Bytes("00 00 4B 00 21 00 00 00 8A 00 00 00 01 00 04 00 D2 00 00 00 C3 00 34 12")));
+    EXPECT_TRUE(s.parsed);
+    EXPECT_TRUE(s.hasEmbedded);
+    EXPECT_EQ(s.embeddedGeneral, 0);
+    EXPECT_FALSE(s.failed());
+}
+
+TEST(ReplyStatus, EmbeddedErrorIsAFailure) {
+    // Multiple Service Packet status 0x1E (embedded service error), the
+    // embedded read's status 0x05 (path destination unknown).
+    const auto s = ReadReplyStatus(
+        FrameReply(Bytes("00 00 4B 00 21 00 00 00 8A 00 1E 00 01 00 04 00 D2 00 05 00")));
+    EXPECT_EQ(s.cipGeneral, 0x1E);
+    ASSERT_TRUE(s.hasEmbedded);
+    EXPECT_EQ(s.embeddedGeneral, 0x05);
+    EXPECT_TRUE(s.failed());
+}
+
+TEST(ReplyStatus, ExtendedStatusMovesTheEmbeddedReply) {
+    // General error 0xFF with one extended status word in the embedded reply;
+    // a doubled TNS byte before it shifts every later reply byte by one.
+    const auto s = ReadReplyStatus(
+        FrameReply(Bytes("00 00 4B 00 10 00 00 00 8A 00 1E 00 01 00 04 00 D2 00 FF 01 05 21")));
+    ASSERT_TRUE(s.hasEmbedded);
+    EXPECT_EQ(s.embeddedGeneral, 0xFF);
+    EXPECT_TRUE(s.failed());
+}
+
+TEST(ReplyStatus, Df1StatusAloneIsAFailure) {
+    const auto s = ReadReplyStatus(FrameReply(Bytes("00 00 4B 10 21 00")));
+    EXPECT_TRUE(s.parsed);
+    EXPECT_FALSE(s.hasCip);
+    EXPECT_EQ(s.df1Status, 0x10);
+    EXPECT_TRUE(s.failed());
+}
+
+TEST(ReplyStatus, WriteConfirmationIsNotAFailure) {
+    const auto s = ReadReplyStatus(
+        FrameReply(Bytes("00 00 4B 00 21 00 00 00 8A 00 00 00 01 00 04 00 D3 00 00 00")));
+    EXPECT_TRUE(s.hasEmbedded);
+    EXPECT_FALSE(s.failed());
+}
+
+// ---- options ---------------------------------------------------------------
+
+TEST(Options, DefaultsAreTheDocumentedOnes) {
+    Options o;
+    std::string error;
+    ASSERT_TRUE(ParseOptions({}, &o, &error)) << error;
+    EXPECT_EQ(o.maxCount, 32);
+    EXPECT_EQ(o.retryLimit, 3);
+    EXPECT_EQ(o.station, 1);
+    EXPECT_EQ(o.writeMode, 2);
+    EXPECT_EQ(o.localLink, 0);
+    EXPECT_EQ(o.timeoutMs, 500);
+    EXPECT_FALSE(o.remote);
+    EXPECT_FALSE(o.multiStation);
+    EXPECT_TRUE(o.port.empty());
+}
+
+TEST(Options, ValuesAndFlagsAreTaken) {
+    Options o;
+    std::string error;
+    ASSERT_TRUE(ParseOptions({"--max-count",
+                              "10",
+                              "--retry-limit=0",
+                              "--station",
+                              "4",
+                              "--remote",
+                              "--multi-station",
+                              "--local-link",
+                              "2",
+                              "--write-mode",
+                              "1",
+                              "--baud=115200",
+                              "--timeout-ms",
+                              "50",
+                              "--tag",
+                              "N7:0 x4",
+                              "--write",
+                              "F8:1=2.5",
+                              "--read",
+                              "N7:10x4",
+                              "--exchanges",
+                              "9",
+                              "--duration",
+                              "1.5",
+                              "--cip-errors-fail",
+                              "--keep-reply-done",
+                              "--interval-ms",
+                              "750",
+                              "--plain"},
+                             &o, &error))
+        << error;
+    EXPECT_EQ(o.maxCount, 10);
+    EXPECT_EQ(o.retryLimit, 0);
+    EXPECT_EQ(o.station, 4);
+    EXPECT_TRUE(o.remote);
+    EXPECT_TRUE(o.multiStation);
+    EXPECT_EQ(o.localLink, 2);
+    EXPECT_EQ(o.writeMode, 1);
+    EXPECT_EQ(o.baud, 115200);
+    EXPECT_EQ(o.timeoutMs, 50);
+    ASSERT_EQ(o.tags.size(), 1u);
+    EXPECT_EQ(o.tags[0].count, 4);
+    ASSERT_EQ(o.writes.size(), 1u);
+    ASSERT_EQ(o.reads.size(), 1u);
+    EXPECT_EQ(o.reads[0].element, 10);
+    EXPECT_EQ(o.exchanges, 9u);
+    EXPECT_DOUBLE_EQ(o.durationSeconds, 1.5);
+    EXPECT_TRUE(o.cipErrorsFail);
+    EXPECT_TRUE(o.keepReplyDone);
+    EXPECT_EQ(o.intervalMs, 750);
+    EXPECT_TRUE(o.plain);
+}
+
+struct BadOptionRow {
+    std::vector<std::string> args;
+    const char* reason;  // part of the message
+};
+
+void PrintTo(const BadOptionRow& row, std::ostream* os) {
+    for (const std::string& a : row.args) *os << a << ' ';
+}
+
+class BadOptions : public ::testing::TestWithParam<BadOptionRow> {};
+
+TEST_P(BadOptions, AreRefusedWithAReason) {
+    Options o;
+    std::string error;
+    EXPECT_FALSE(ParseOptions(GetParam().args, &o, &error));
+    EXPECT_NE(error.find(GetParam().reason), std::string::npos) << error;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, BadOptions,
+    ::testing::Values(BadOptionRow{{"--bogus"}, "unknown option"},
+                      BadOptionRow{{"extra"}, "unknown option"},
+                      BadOptionRow{{"--baud", "12345"}, "unsupported rate"},
+                      BadOptionRow{{"--max-count"}, "needs a value"},
+                      BadOptionRow{{"--max-count", "-1"}, "is not a number"},
+                      BadOptionRow{{"--retry-limit", "x"}, "is not a number"},
+                      BadOptionRow{{"--duration", "0"}, "positive number"},
+                      BadOptionRow{{"--exchanges", "0"}, "is not a number"},
+                      BadOptionRow{{"--tag", "N7"}, "invalid address"},
+                      BadOptionRow{{"--read", "X1:0"}, "invalid address"},
+                      BadOptionRow{{"--write", "N7:3"}, "expected ADDRESS=VALUE"},
+                      BadOptionRow{{"--remote=1"}, "takes no value"},
+                      BadOptionRow{{"--tags", "/nonexistent/tags.txt"}, "cannot read tag file"},
+                      BadOptionRow{{"--port", "/dev/ttyS0", "--sim-set", "N7:0=1"},
+                                   "built-in simulator"}));
+
+TEST(Options, TagFileTakesOneTagALineWithComments) {
+    std::vector<TagAddress> tags;
+    std::string error;
+    ASSERT_TRUE(ReadTagFile(HOSTSIM_SOURCE_DIR "/sample_tags.txt", &tags, &error)) << error;
+    ASSERT_EQ(tags.size(), 4u);
+    EXPECT_EQ(tags[0].display(), "N7:0 x10");
+    EXPECT_EQ(tags[1].display(), "B3:0/5");
+    EXPECT_EQ(tags[2].display(), "F8:0 x4");
+    EXPECT_EQ(tags[3].display(), "N10:0 x2");
+}
+
+// ---- result texts ---------------------------------------------------------
+
+TEST(ResultCodes, GoodCodesAreOneAndHundred) {
+    EXPECT_TRUE(IsGoodResult(1));
+    EXPECT_TRUE(IsGoodResult(100));
+    EXPECT_FALSE(IsGoodResult(0));
+    EXPECT_FALSE(IsGoodResult(41));
+    EXPECT_EQ(ResultText(41), "no reply");
+    EXPECT_EQ(ResultText(74), "wrong length (varId 3)");
+    EXPECT_EQ(ResultText(122), "remote bad reply (varId 11)");
+    EXPECT_EQ(ResultText(171), "remote wrong length");
+    EXPECT_EQ(ResultText(12), "bad reply (varId 1)");
+    EXPECT_EQ(ResultText(200), "unknown");
+}
+
+// ---- cyclic entries --------------------------------------------------------
+
+struct ItemsRow {
+    const char* tag;
+    int maxCount;
+    bool remote;
+    std::vector<std::pair<std::string, int>> items;  // address text, count
+};
+
+void PrintTo(const ItemsRow& row, std::ostream* os) {
+    *os << row.tag << " maxCount " << row.maxCount << (row.remote ? " remote" : "");
+}
+
+class CyclicEntries : public ::testing::TestWithParam<ItemsRow> {};
+
+TEST_P(CyclicEntries, CutAtWholeBlocks) {
+    const ItemsRow& row = GetParam();
+    TagAddress tag;
+    std::string error;
+    ASSERT_TRUE(ParseTagAddress(row.tag, &tag, &error)) << error;
+    const auto items = ReadItemsFor(tag, row.maxCount, row.remote);
+    ASSERT_EQ(items.size(), row.items.size());
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        EXPECT_EQ(items[i].dataType, tag.dataType());
+        EXPECT_EQ(items[i].text, row.items[i].first) << "entry " << i;
+        EXPECT_EQ(items[i].count, row.items[i].second) << "entry " << i;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, CyclicEntries,
+    ::testing::Values(
+        ItemsRow{"N7:0 x10", 32, false, {{"7:0", 10}}},
+        ItemsRow{"N7:0 x100", 32, false, {{"7:0", 32}, {"7:32", 32}, {"7:64", 32}, {"7:96", 4}}},
+        ItemsRow{"N7:0 x100", 0, false, {{"7:0", 100}}},
+        // A REAL entry of count c reads c - 1 values: n values take n + 1.
+        ItemsRow{"F8:0 x4", 32, false, {{"8:0", 5}}},
+        ItemsRow{"F8:0 x40", 32, false, {{"8:0", 32}, {"8:31", 10}}},
+        ItemsRow{"F8:0 x3", 1, false, {{"8:0", 1}, {"8:1", 1}, {"8:2", 1}}},
+        ItemsRow{"F8:0 x3", 0, false, {{"8:0", 4}}},
+        // Remote reads take the count as it is.
+        ItemsRow{"F8:0 x3", 32, true, {{"8:0", 3}}},
+        // 40 bits from bit 5 fill three words; blocks of two words.
+        ItemsRow{"B3:0/5 x40", 2, false, {{"3:0/5", 27}, {"3:2/0", 13}}},
+        ItemsRow{"B3:0/5 x40", 32, false, {{"3:0/5", 40}}}));
+
+// The entries go through the driver's own list building: the cyclic list it
+// makes reads exactly the tags' values, and the frame it builds for a REAL
+// entry asks for that many elements.
+class CyclicEntriesInTheDriver : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ResetDriverForTest();
+        std::memset(&info, 0, sizeof info);
+        info.maxCount = 32;
+        info.defaultStation = 1;
+        info.retryLimit = 2;
+        info.writeMode = 2;
+        SetComInfo(&info);
+    }
+    void TearDown() override { ResetDriverForTest(); }
+
+    // Builds the cyclic list from the tags; returns its (address, count)
+    // entries in order.
+    std::vector<std::pair<int, int>> Build(const std::vector<const char*>& texts) {
+        std::vector<ReadVarItem> items;
+        for (const char* text : texts) {
+            TagAddress tag;
+            std::string error;
+            EXPECT_TRUE(ParseTagAddress(text, &tag, &error)) << error;
+            for (const ReadItem& r : ReadItemsFor(tag, info.maxCount, false)) {
+                ReadVarItem item;
+                item.dataType = static_cast<uint8_t>(r.dataType);
+                item.addrText = QString::fromStdString(r.text);
+                item.count = r.count;
+                items.push_back(item);
+            }
+        }
+        QList<ReadVarItem*> list;
+        for (ReadVarItem& item : items) list.append(&item);
+        const int length = ReCreatReadVarList(&list);
+        std::vector<std::pair<int, int>> out;
+        for (const RW_VAR& v : PLC_driver.readList) out.emplace_back(v.address, v.count);
+        EXPECT_EQ(static_cast<std::size_t>(length), out.size());
+        return out;
+    }
+
+    ComInfo info;
+};
+
+TEST_F(CyclicEntriesInTheDriver, FourRealsAreReadAsFourElements) {
+    const auto entries = Build({"F8:0 x4"});
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0], std::make_pair(8 * 256, 5));
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p->dataBytes, 16);
+    // The element count of the Read Tag Fragmented request: high byte at
+    // frame offset 33, low byte at 34 (no byte before them is doubled here).
+    EXPECT_EQ(static_cast<uint8_t>(p->frame[33]), 0x00);
+    EXPECT_EQ(static_cast<uint8_t>(p->frame[34]), 0x04);
+}
+
+TEST_F(CyclicEntriesInTheDriver, NeighbouringRealTagsMergeWithoutReadingPastTheLast) {
+    // F8:0..1 and F8:2 become one entry that reads three values.
+    const auto entries = Build({"F8:0 x2", "F8:2"});
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0], std::make_pair(8 * 256, 4));
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p->dataBytes, 12);
+}
+
+TEST_F(CyclicEntriesInTheDriver, LongRealTagKeepsEveryValue) {
+    info.maxCount = 4;
+    // Ten values in blocks of three (count 4 reads 3): 0-2, 3-5, 6-8, 9.
+    const auto entries = Build({"F8:0 x10"});
+    const std::vector<std::pair<int, int>> expected = {{2048, 4}, {2051, 4}, {2054, 4}, {2057, 2}};
+    EXPECT_EQ(entries, expected);
+}
+
+TEST_F(CyclicEntriesInTheDriver, LongWordTagIsReadInContiguousBlocks) {
+    info.maxCount = 10;
+    // 35 words from N7:100 in blocks at 100, 110, 120 and 130; one entry of
+    // 35 would have the driver start its third block at 130 and its fourth
+    // at 160.
+    const auto entries = Build({"N7:100 x35"});
+    const int start = 7 * 256 + 100;
+    const std::vector<std::pair<int, int>> expected = {
+        {start, 10}, {start + 10, 10}, {start + 20, 10}, {start + 30, 5}};
+    EXPECT_EQ(entries, expected);
+}
+
+TEST_F(CyclicEntriesInTheDriver, LongBitTagCoversEveryWord) {
+    info.maxCount = 2;
+    // 40 bits from B3:0/5 lie in words 0 to 2 of B3.
+    const auto entries = Build({"B3:0/5 x40"});
+    const std::vector<std::pair<int, int>> expected = {{768, 2}, {770, 1}};
+    EXPECT_EQ(entries, expected);
+}
