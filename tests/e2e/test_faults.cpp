@@ -1,0 +1,322 @@
+// What the loaded plug-in makes of a faulty line: each fault is injected by
+// the controller simulator for exactly the exchange the test picks, and the
+// driver's retries, result codes, queue purges and recovery are checked.
+#include "e2e_host.h"
+
+namespace e2e {
+namespace {
+
+using DroppedReplies = EndToEnd;
+using CorruptBlockCheck = EndToEnd;
+using LateReplies = EndToEnd;
+using WrongTns = EndToEnd;
+using Silence = EndToEnd;
+using PartialReplies = EndToEnd;
+
+constexpr int kN7 = 7 * 256;
+
+// Arms `fault` for the reply to every write of N7:element.
+Hook OnWriteTo(int element, const std::function<void()>& fault) {
+    return [element, fault](const Step& s) {
+        if (s.isWrite() && s.request.address == kN7 + element) fault();
+    };
+}
+
+TEST_F(DroppedReplies, WriteIsRetriedThenReportedAsNoReplyAndTheQueuesPurged) {
+    info.retryLimit = 2;
+    ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:20", 4}}), 1);
+    RunUntilCycleDone();
+
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:20", {5}, 3), 0);
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:21", {6}, 3), 0);
+    const auto steps = RunUntil([](const Step& s) { return s.result != 0; }, 6,
+                                OnWriteTo(20, [this] { DropNext(1); }));
+    ASSERT_EQ(steps.size(), 3u);
+    for (const Step& s : steps) {
+        EXPECT_TRUE(s.isWrite());
+        EXPECT_EQ(s.request.address, kN7 + 20);
+        EXPECT_EQ(s.outcome, HostLine::Outcome::kTimeout);
+    }
+    // retryLimit 2: two retries, then no reply for varId 3 (40 + 3 + 1).
+    EXPECT_EQ(steps[0].result, 0);
+    EXPECT_EQ(steps[1].result, 0);
+    EXPECT_EQ(steps[2].result, 44);
+    EXPECT_EQ(steps[2].varId, 3);
+    EXPECT_EQ(info.retryCount, 0);
+    EXPECT_EQ(info.cycleDone, 0);
+
+    // While the link is marked failed a new value shows in the image at once.
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:22", {7}, 3), 0);
+    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:22", 1), std::vector<uint16_t>{7});
+
+    // The next good reply recovers; the purged write to N7:21 never goes out.
+    const Step recovered = Turn();
+    EXPECT_TRUE(recovered.isWrite());
+    EXPECT_EQ(recovered.request.address, kN7 + 22);
+    EXPECT_EQ(recovered.result, 1);
+    EXPECT_EQ(SimWordsAt('N', 7, 22, 1), std::vector<uint16_t>{7});
+
+    // With the link good again a write shows in the image only once its
+    // frame is built.
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:23", {8}, 3), 0);
+    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:23", 1), std::vector<uint16_t>{0});
+    const Step next = Turn();
+    EXPECT_TRUE(next.isWrite());
+    EXPECT_EQ(next.result, 1);
+    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:23", 1), std::vector<uint16_t>{8});
+
+    RunPass();
+    EXPECT_EQ(SimWordsAt('N', 7, 21, 1), std::vector<uint16_t>{0});
+    // The controller carried out the write whose replies were lost.
+    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:20", 4), (std::vector<uint16_t>{5, 0, 7, 8}));
+    EXPECT_EQ(info.cycleDone, 1);
+}
+
+TEST_F(DroppedReplies, ReadLearningItsLengthYieldsZeroAndCountsNoRetry) {
+    info.retryLimit = 0;
+    SimWords('N', 7, 0, {0x1010, 3});
+    ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 2}}), 1);
+    RunUntilCycleDone();
+
+    // A controller that stays silent while a read learns its length: result
+    // 0 each time, the same request again, no retry counted, no failure.
+    const auto dropLearning = [this](const Step& s) {
+        if (s.learning) DropNext(1);
+    };
+    for (int i = 0; i < 5; ++i) {
+        const Step s = Turn(dropLearning);
+        EXPECT_TRUE(s.learning) << i;
+        EXPECT_EQ(s.outcome, HostLine::Outcome::kTimeout) << i;
+        EXPECT_EQ(s.result, 0) << i;
+    }
+    EXPECT_EQ(info.retryCount, 0);
+    EXPECT_EQ(info.cycleDone, 1);
+
+    // Once the length is known, a lost reply counts: with retryLimit 0 it is
+    // reported at once (varId 0 of the cyclic list: 41).
+    const Step learnt = Turn();
+    EXPECT_TRUE(learnt.learning);
+    EXPECT_EQ(learnt.result, 1);
+    const Step lost = Turn([this](const Step& s) {
+        if (!s.learning) DropNext(1);
+    });
+    EXPECT_FALSE(lost.learning);
+    EXPECT_EQ(lost.result, 41);
+    EXPECT_EQ(info.cycleDone, 0);
+    EXPECT_EQ(info.retryCount, 0);
+
+    SimWords('N', 7, 0, {0x0010, 0x1000});
+    RunUntilCycleDone();
+    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:0", 2), (std::vector<uint16_t>{0x0010, 0x1000}));
+}
+
+TEST_F(CorruptBlockCheck, WriteIsRetriedThenReportedAsBadReply) {
+    info.retryLimit = 1;
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:30", {9}, 5), 0);
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:31", {10}, 5), 0);
+    const auto steps = RunUntil([](const Step& s) { return s.result != 0; }, 4,
+                                OnWriteTo(30, [this] { CorruptNext(1); }));
+    ASSERT_EQ(steps.size(), 2u);
+    for (const Step& s : steps) {
+        // The reply came whole; only its block check is wrong.
+        EXPECT_EQ(s.outcome, HostLine::Outcome::kReply);
+        EXPECT_EQ(s.received.size(), 27) << ToHex(s.received);
+    }
+    EXPECT_EQ(steps[0].result, 0);
+    EXPECT_EQ(steps[1].result, 16);  // bad reply, varId 5
+    EXPECT_EQ(steps[1].varId, 5);
+
+    // The write to N7:31 was purged: nothing is left to send.
+    EXPECT_FALSE(Turn().sent);
+    EXPECT_EQ(SimWordsAt('N', 7, 31, 1), std::vector<uint16_t>{0});
+
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:31", {10}, 5), 0);
+    const Step again = Turn();
+    EXPECT_EQ(again.result, 1);
+    EXPECT_EQ(SimWordsAt('N', 7, 31, 1), std::vector<uint16_t>{10});
+}
+
+TEST_F(CorruptBlockCheck, ReadRetriesOnlyOnceItsLengthIsKnown) {
+    info.retryLimit = 1;
+    ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 2}}), 1);
+    RunUntilCycleDone();
+    SimWords('N', 7, 0, {21, 22});
+
+    const auto corruptLearning = [this](const Step& s) {
+        if (s.learning) CorruptNext(1);
+    };
+    for (int i = 0; i < 3; ++i) {
+        const Step s = Turn(corruptLearning);
+        EXPECT_TRUE(s.learning);
+        EXPECT_EQ(s.outcome, HostLine::Outcome::kReply);
+        EXPECT_EQ(s.result, 0);
+    }
+    EXPECT_EQ(info.retryCount, 0);
+
+    EXPECT_EQ(Turn().result, 1);  // learns
+    const Step bad = Turn([this](const Step& s) {
+        if (!s.learning) CorruptNext(1);
+    });
+    EXPECT_EQ(bad.result, 0);  // retried: retryLimit 1
+    EXPECT_EQ(info.retryCount, 1);
+    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:0", 2), (std::vector<uint16_t>{0, 0}));
+
+    // The retry is the request built afresh: it learns its length again.
+    const Step relearn = Turn();
+    EXPECT_TRUE(relearn.learning);
+    EXPECT_EQ(relearn.result, 1);
+    const Step good = Turn();
+    EXPECT_FALSE(good.learning);
+    EXPECT_EQ(good.result, 1);
+    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:0", 2), (std::vector<uint16_t>{21, 22}));
+    // A good reply does not reset the count of failed exchanges.
+    EXPECT_EQ(info.retryCount, 1);
+}
+
+class TruncatedReplies : public EndToEnd, public ::testing::WithParamInterface<int> {};
+
+TEST_P(TruncatedReplies, TimeOutAndCountAsNoReply) {
+    info.retryLimit = 0;
+    const int cut = GetParam();
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:31", {3}, 2), 0);
+    const Step s = Turn(OnWriteTo(31, [this, cut] { TruncateNext(1, static_cast<uint32_t>(cut)); }));
+    EXPECT_EQ(s.outcome, HostLine::Outcome::kTimeout);
+    EXPECT_EQ(s.received.size(), 27 - cut) << ToHex(s.received);
+    EXPECT_EQ(s.result, 43);  // no reply, varId 2
+
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:32", {4}, 2), 0);
+    EXPECT_EQ(Turn().result, 1);
+    EXPECT_EQ(SimWordsAt('N', 7, 31, 2), (std::vector<uint16_t>{3, 4}));
+}
+
+// 3: DLE ETX and the block check are missing; 1: only the block check.
+INSTANTIATE_TEST_SUITE_P(Cut, TruncatedReplies, ::testing::Values(3, 1));
+
+TEST_F(PartialReplies, HandedOverAsReceivedFailOnLength) {
+    info.retryLimit = 0;
+    handPartialReplies = true;
+    ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 1}}), 1);
+    RunUntilCycleDone();
+
+    // While a read learns its length a short reply is simply not taken.
+    const Step learning = Turn([this](const Step&) { TruncateNext(1, 3); });
+    EXPECT_TRUE(learning.learning);
+    EXPECT_EQ(learning.handed.size(), 28) << ToHex(learning.handed);  // 31 - 3
+    EXPECT_EQ(learning.result, 0);
+    EXPECT_EQ(Turn().result, 1);
+    EXPECT_EQ(Turn().result, 1);
+
+    // A write expects 27 bytes: 24 are a wrong length (70 + 2 + 1).
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:31", {3}, 2), 0);
+    const Step s = Turn(OnWriteTo(31, [this] { TruncateNext(1, 3); }));
+    EXPECT_EQ(s.handed.size(), 24) << ToHex(s.handed);
+    EXPECT_EQ(s.result, 73);
+}
+
+TEST_F(LateReplies, WithinTheTimeoutAreAccepted) {
+    replyTimeoutMs = 2000;
+    info.retryLimit = 0;
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:33", {0x1010}, 1), 0);
+    const Step s = Turn(OnWriteTo(33, [this] { LateNext(1, 150); }));
+    EXPECT_EQ(s.outcome, HostLine::Outcome::kReply);
+    EXPECT_EQ(s.result, 1);
+    EXPECT_EQ(controller->counters().delayed, 1u);
+    EXPECT_EQ(SimWordsAt('N', 7, 33, 1), std::vector<uint16_t>{0x1010});
+}
+
+TEST_F(LateReplies, BeyondTheTimeoutFailAsNoReplyThenTheLinkRecovers) {
+    replyTimeoutMs = 150;
+    info.retryLimit = 0;
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:33", {1}, 1), 0);
+    const Step s = Turn(OnWriteTo(33, [this] { LateNext(1, 600); }));
+    EXPECT_EQ(s.outcome, HostLine::Outcome::kTimeout);
+    EXPECT_TRUE(s.received.isEmpty()) << ToHex(s.received);
+    EXPECT_EQ(s.result, 42);  // no reply, varId 1
+
+    // The reply does come, after the host has given up on it.
+    QByteArray late;
+    EXPECT_EQ(host.collect(3000, &late), HostLine::Outcome::kReply);
+    EXPECT_EQ(late.size(), 27) << ToHex(late);
+    replyTimeoutMs = 1000;
+
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:34", {2}, 1), 0);
+    const Step next = Turn();
+    EXPECT_EQ(next.outcome, HostLine::Outcome::kReply);
+    EXPECT_EQ(next.result, 1);
+    EXPECT_EQ(SimWordsAt('N', 7, 33, 2), (std::vector<uint16_t>{1, 2}));
+}
+
+// The driver does not compare a reply's transaction number with its
+// request's. (A request TNS of 0x0F is left alone: one higher is 0x10, which
+// the reply doubles, and the length would change.)
+TEST_F(WrongTns, RepliesAreAcceptedAsGood) {
+    ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 2}}), 1);
+    RunUntilCycleDone();
+    SimWords('N', 7, 0, {0x1234, 0x1010});
+
+    const auto wrongTns = [this](const Step& s) {
+        if (ByteAt(s.frame, 8) != 0x0F) WrongTnsNext(1);
+    };
+    int shifted = 0;
+    for (int i = 0; i < 4; ++i) {
+        const Step s = Turn(wrongTns);
+        EXPECT_EQ(s.result, 1) << ToHex(s.received);
+        if (ByteAt(s.frame, 8) != 0x0F) {
+            ++shifted;
+            EXPECT_EQ(ByteAt(s.received, 8), static_cast<uint8_t>(ByteAt(s.frame, 8) + 1));
+        }
+    }
+    EXPECT_GE(shifted, 2);  // a request keeps its TNS for both of its exchanges
+    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:0", 2), (std::vector<uint16_t>{0x1234, 0x1010}));
+
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:35", {35}, 1), 0);
+    const Step w = Turn(wrongTns);
+    EXPECT_TRUE(w.isWrite());
+    EXPECT_EQ(w.result, 1);
+    EXPECT_EQ(SimWordsAt('N', 7, 35, 1), std::vector<uint16_t>{35});
+    EXPECT_EQ(info.retryCount, 0);
+}
+
+TEST_F(Silence, ReadsShowZerosAWriteFailsAndBothRecoverAfterIt) {
+    info.retryLimit = 1;
+    ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 2}}), 1);
+    RunUntilCycleDone();
+    SimWords('N', 7, 0, {4321, 0x1010});
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:5", {55}, 4), 0);
+
+    // Two seconds without a word from the controller; the write's two tries
+    // time out well within them.
+    replyTimeoutMs = 200;
+    controller->silenceFor(plcsim::MonotonicMs(), 2000);
+    const auto steps = RunUntil(
+        [](const Step& s) { return s.sent && !s.isWrite() && !s.learning && s.result == 1; }, 60);
+    replyTimeoutMs = 1000;
+    ASSERT_GE(steps.size(), 5u);
+
+    // The write: tried twice, then reported (no reply, varId 4).
+    EXPECT_TRUE(steps[0].isWrite());
+    EXPECT_EQ(steps[0].result, 0);
+    EXPECT_TRUE(steps[1].isWrite());
+    EXPECT_EQ(steps[1].result, 45);
+    // The cyclic read: a run of zeros while it cannot learn its length...
+    const std::size_t n = steps.size();
+    for (std::size_t i = 2; i + 2 < n; ++i) {
+        EXPECT_TRUE(steps[i].learning) << i;
+        EXPECT_EQ(steps[i].outcome, HostLine::Outcome::kTimeout) << i;
+        EXPECT_EQ(steps[i].result, 0) << i;
+    }
+    // ...then, once the controller answers, it learns and reads.
+    EXPECT_TRUE(steps[n - 2].learning);
+    EXPECT_EQ(steps[n - 2].result, 1);
+    EXPECT_EQ(info.retryCount, 0);
+    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:0", 2), (std::vector<uint16_t>{4321, 0x1010}));
+    EXPECT_GE(controller->counters().silenced, 3u);
+
+    RunUntilCycleDone();
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:6", {66}, 4), 0);
+    EXPECT_EQ(Turn().result, 1);
+    EXPECT_EQ(SimWordsAt('N', 7, 6, 1), std::vector<uint16_t>{66});
+}
+
+}  // namespace
+}  // namespace e2e
