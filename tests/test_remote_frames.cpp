@@ -53,24 +53,6 @@ uint8_t ChecksumOf(const QByteArray& frame) {
     return static_cast<uint8_t>(sum & 0xFF);
 }
 
-void ExpectSameRecord(const RW_VAR& expected, const RW_VAR& actual) {
-    EXPECT_EQ(expected.varId, actual.varId);
-    EXPECT_EQ(expected.varSubId, actual.varSubId);
-    EXPECT_EQ(expected.aux2, actual.aux2);
-    EXPECT_EQ(expected.aux3, actual.aux3);
-    EXPECT_EQ(expected.linkNo, actual.linkNo);
-    EXPECT_EQ(expected.result, actual.result);
-    EXPECT_EQ(expected.addrText2, actual.addrText2);
-    EXPECT_EQ(expected.addrText, actual.addrText);
-    EXPECT_EQ(expected.dataType, actual.dataType);
-    EXPECT_EQ(expected.address, actual.address);
-    EXPECT_EQ(expected.station, actual.station);
-    EXPECT_EQ(expected.count, actual.count);
-    EXPECT_EQ(expected.aux12, actual.aux12);
-    EXPECT_EQ(expected.aux13, actual.aux13);
-    EXPECT_EQ(ToHex(expected.data), ToHex(actual.data));
-}
-
 struct ImageSnapshot {
     std::vector<uint16_t> a, b;
     std::vector<uint32_t> d;

@@ -2,6 +2,7 @@
 // request on the wire, and the result codes it hands back.
 #include "test_support.h"
 
+#include "queue_helpers.h"
 #include "reply_builder.h"
 
 #include <random>
@@ -34,29 +35,6 @@ RW_VAR WordWrite(int varId, int element, uint16_t value, int station = 1, int li
     return v;
 }
 
-RW_VAR WordRead(int varId, int element, int count, int station = 1, int linkNo = 0) {
-    RW_VAR v;
-    v.varId = varId;
-    v.varSubId = -1;
-    v.aux2 = 0;
-    v.linkNo = linkNo;
-    v.dataType = ABCL_WORD_B;
-    v.addrText = QString("7:%1").arg(element);
-    v.address = 7 * 256 + element;
-    v.station = station;
-    v.count = count;
-    return v;
-}
-
-int QueueWrite(RW_VAR v) {
-    return AddListWriteVar(&v, 1);
-}
-int QueueOnce(RW_VAR v) {
-    return AddListOnceReadVar(&v, 1);
-}
-int QueueCyclic(RW_VAR v) {
-    return AddListReadVar(&v);
-}
 
 struct CallbackCall {
     int context, varId, varSubId, status;

@@ -3,6 +3,7 @@
 // again until its reply is processed, and the builder family chosen per frame.
 #include "test_support.h"
 
+#include "queue_helpers.h"
 #include "reply_builder.h"
 
 #include <vector>
@@ -30,31 +31,6 @@ RW_VAR WordWrite(int varId, int element, uint16_t value, int station = 1) {
     v.data.append(static_cast<char>(value & 0xFF));
     v.data.append(static_cast<char>(value >> 8));
     return v;
-}
-
-// A word read of 'N' file 7 (aux2 0: the reply carries data).
-RW_VAR WordRead(int varId, int element, int count, int station = 1) {
-    RW_VAR v;
-    v.varId = varId;
-    v.varSubId = -1;
-    v.aux2 = 0;
-    v.linkNo = 0;
-    v.dataType = ABCL_WORD_B;
-    v.addrText = QString("7:%1").arg(element);
-    v.address = 7 * 256 + element;
-    v.station = station;
-    v.count = count;
-    return v;
-}
-
-int QueueWrite(RW_VAR v) {
-    return AddListWriteVar(&v, 1);
-}
-int QueueOnce(RW_VAR v) {
-    return AddListOnceReadVar(&v, 1);
-}
-int QueueCyclic(RW_VAR v) {
-    return AddListReadVar(&v);
 }
 
 class Scheduler : public DriverTest {

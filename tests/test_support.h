@@ -32,6 +32,25 @@ inline std::string ToHex(const QByteArray& bytes) {
     return out;
 }
 
+// Every field of two variable records, data included.
+inline void ExpectSameRecord(const RW_VAR& expected, const RW_VAR& actual) {
+    EXPECT_EQ(expected.varId, actual.varId);
+    EXPECT_EQ(expected.varSubId, actual.varSubId);
+    EXPECT_EQ(expected.aux2, actual.aux2);
+    EXPECT_EQ(expected.aux3, actual.aux3);
+    EXPECT_EQ(expected.linkNo, actual.linkNo);
+    EXPECT_EQ(expected.result, actual.result);
+    EXPECT_EQ(expected.addrText2, actual.addrText2);
+    EXPECT_EQ(expected.addrText, actual.addrText);
+    EXPECT_EQ(expected.dataType, actual.dataType);
+    EXPECT_EQ(expected.address, actual.address);
+    EXPECT_EQ(expected.station, actual.station);
+    EXPECT_EQ(expected.count, actual.count);
+    EXPECT_EQ(expected.aux12, actual.aux12);
+    EXPECT_EQ(expected.aux13, actual.aux13);
+    EXPECT_EQ(ToHex(expected.data), ToHex(actual.data));
+}
+
 // A driver as right after loading, wired to a zeroed settings record that the
 // test owns (`info`), with single-station defaults a panel would use.
 class DriverTest : public ::testing::Test {
