@@ -1,0 +1,142 @@
+// Shared pieces of the benchmark programs: a driver wired to a settings record
+// as a panel would configure it, controller replies framed the DF1 way, and the
+// counters that relate the driver's CPU time to the serial link's capacity.
+#ifndef ABCL_BENCH_SUPPORT_H
+#define ABCL_BENCH_SUPPORT_H
+
+#include "ab_controllogix_compactlogix.h"
+#include "ab_controllogix_compactlogix_p.h"
+
+#include <benchmark/benchmark.h>
+
+#include <QtCore/QByteArray>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+// Settings a single-station panel uses; the record outlives every benchmark.
+inline ComInfo& Settings() {
+    static ComInfo info;
+    return info;
+}
+
+// The driver as right after loading, wired to freshly zeroed settings.
+inline void ResetDriver(int maxCount = 32) {
+    ResetDriverForTest();
+    ComInfo& info = Settings();
+    std::memset(&info, 0, sizeof info);
+    info.maxCount = maxCount;
+    info.defaultStation = 1;
+    info.retryLimit = 2;
+    info.localLinkNo = 0;
+    info.writeMode = 2;
+    SetComInfo(&info);
+    PLC_driver.tns = 0x21;  // fixed, so every run builds the same frames
+}
+
+constexpr uint8_t kDle = 0x10;
+
+// Two's complement of the low byte of the body's sum.
+inline uint8_t BlockCheck(const QByteArray& body) {
+    unsigned sum = 0;
+    for (char c : body) sum += static_cast<uint8_t>(c);
+    return static_cast<uint8_t>((0x100 - (sum & 0xFF)) & 0xFF);
+}
+
+// DLE ACK DLE STX, the body with each 0x10 sent twice, DLE ETX, block check.
+inline QByteArray Framed(const QByteArray& body) {
+    QByteArray out("\x10\x06\x10\x02", 4);
+    for (char c : body) {
+        out.append(c);
+        if (static_cast<uint8_t>(c) == kDle) out.append(c);
+    }
+    out.append('\x10').append('\x03');
+    out.append(static_cast<char>(BlockCheck(body)));
+    return out;
+}
+
+// DF1 reply header and the Multiple Service Packet reply around one embedded
+// reply of `service`, then `payload` (which starts at reply position 24).
+inline QByteArray ReplyBody(uint8_t service, const QByteArray& payload) {
+    const uint8_t head[] = {0x00,
+                            0x00,
+                            0x4B,
+                            0x00,
+                            0x21,
+                            0x00,
+                            0x00,
+                            0x00,
+                            0x8A,
+                            0x00,
+                            0x00,
+                            0x00,
+                            0x01,
+                            0x00,
+                            0x04,
+                            0x00,
+                            static_cast<uint8_t>(service | 0x80),
+                            0x00,
+                            0x00,
+                            0x00};
+    QByteArray body(reinterpret_cast<const char*>(head), sizeof head);
+    body.append(payload);
+    return body;
+}
+
+// A controller's answer to a 16-bit read: INT type, then the words low byte
+// first, the first data byte at reply position 26.
+inline QByteArray WordReadReply(const std::vector<uint16_t>& words) {
+    QByteArray payload("\xC3\x00", 2);
+    for (uint16_t w : words) {
+        payload.append(static_cast<char>(w & 0xFF));
+        payload.append(static_cast<char>(w >> 8));
+    }
+    return Framed(ReplyBody(0x52, payload));
+}
+
+// A controller's acknowledgement of a write: 27 bytes.
+inline QByteArray WriteReply() {
+    return Framed(ReplyBody(0x53, QByteArray()));
+}
+
+// Exchanges per second a serial line carries when each exchange puts
+// `lineBytes` characters on it (request, reply and both DLE ACKs), at 10 bits
+// per character, stop-and-wait, before the controller's own turnaround. A read
+// of ten words (45-byte request, 49-byte reply: 98 characters) gives the
+// ceilings 19.6 exchanges/s at 19,200 baud and 117.5/s at 115,200.
+constexpr int kAckBytesPerExchange = 4;  // DLE ACK for the request and for the reply
+inline double LineExchangesPerSecond(double baud, int lineBytes) {
+    return baud / (10.0 * lineBytes);
+}
+
+// Counters for a benchmark whose every iteration carries `exchanges` exchanges
+// of `lineBytes` characters each (inverted rate counters report
+// cpu_time / (iterations * value); the console shows them with the unit "s"):
+//   cpu_per_exch          driver CPU time per exchange
+//   exch_per_cpu_s        exchanges the driver could serve per CPU second
+//   line_exch_s@N         exchanges per second the line carries at N baud
+//   cpu_per_line_s@N      driver CPU time per second of a line kept busy at N
+//                         baud: its share of each exchange's time on the line
+//                         (1us here is one part per million)
+inline void SetExchangeCounters(benchmark::State& state, double exchanges, int lineBytes) {
+    using benchmark::Counter;
+    const auto perCpuTime = Counter::kIsIterationInvariantRate;
+    const auto cpuTimePer =
+        static_cast<Counter::Flags>(Counter::kIsIterationInvariantRate | Counter::kInvert);
+    state.counters["cpu_per_exch"] = Counter(exchanges, cpuTimePer);
+    state.counters["exch_per_cpu_s"] = Counter(exchanges, perCpuTime);
+    for (const int baud : {19200, 115200}) {
+        const double ceiling = LineExchangesPerSecond(baud, lineBytes);
+        const std::string at = "@" + std::to_string(baud);
+        state.counters["line_exch_s" + at] = ceiling;
+        state.counters["cpu_per_line_s" + at] = Counter(exchanges / ceiling, cpuTimePer);
+    }
+}
+
+}  // namespace bench
+
+#endif
