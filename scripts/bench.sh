@@ -23,25 +23,10 @@ build_dir=${ABCL_BENCH_DIR:-$repo_root/build/bench}
 jobs=${ABCL_JOBS:-2}
 programs=(bench_read_list bench_frames bench_exchange)
 
-install_packages() {
-    local packages=(cmake make g++ pkg-config qtbase5-dev libbenchmark-dev) missing=() pkg status sudo=()
-    for pkg in "${packages[@]}"; do
-        status=$(dpkg-query -W -f='${db:Status-Status}' "$pkg" 2>/dev/null) || status=
-        [[ $status == installed ]] || missing+=("$pkg")
-    done
-    ((${#missing[@]} == 0)) && return 0
-    if ((EUID != 0)); then
-        command -v sudo >/dev/null || { echo "bench.sh: need root or sudo to install: ${missing[*]}" >&2; return 1; }
-        sudo=(sudo -n)
-    fi
-    echo "Installing: ${missing[*]}"
-    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q &&
-        "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive \
-            apt-get install -y -q --no-install-recommends "${missing[@]}"
-}
+source "$repo_root/scripts/packages.sh"
 
 if [[ ${ABCL_SKIP_INSTALL:-0} != 1 ]]; then
-    install_packages </dev/null
+    abcl_ensure_packages bench.sh cmake make g++ pkg-config qtbase5-dev libbenchmark-dev || exit 1
 fi
 
 cmake -S "$repo_root" -B "$build_dir" -DCMAKE_BUILD_TYPE=Release -DABCL_SANITIZE= \

@@ -27,23 +27,8 @@ jobs=${ABCL_JOBS:-$(nproc 2>/dev/null || echo 2)}
 build_dir=${ABCL_BUILD_ROOT:-$repo_root/build}/demo
 
 # Only what the demo needs: a compiler, make, CMake and Qt 5 Core.
-packages=(cmake g++ make qtbase5-dev)
-missing=()
-for pkg in "${packages[@]}"; do
-    status=$(dpkg-query -W -f='${db:Status-Status}' "$pkg" 2>/dev/null) || status=
-    [[ $status == installed ]] || missing+=("$pkg")
-done
-if ((${#missing[@]} > 0)); then
-    sudo=()
-    if ((EUID != 0)); then
-        command -v sudo >/dev/null || { echo "demo.sh: need root or sudo to install: ${missing[*]}" >&2; exit 1; }
-        sudo=(sudo)
-    fi
-    echo "Installing: ${missing[*]}"
-    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q
-    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive \
-        apt-get install -y -q --no-install-recommends "${missing[@]}"
-fi
+source "$repo_root/scripts/packages.sh"
+abcl_ensure_packages demo.sh cmake g++ make qtbase5-dev || exit 1
 
 echo "Building the plug-in and hostsim in $build_dir"
 cmake -S "$repo_root" -B "$build_dir" -DCMAKE_BUILD_TYPE=Release \

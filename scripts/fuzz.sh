@@ -36,25 +36,10 @@ jobs=${ABCL_JOBS:-2}
 
 [[ $seconds =~ ^[0-9]+$ ]] || { echo "fuzz.sh: SECONDS must be a whole number, not '$seconds'" >&2; exit 2; }
 
-install_packages() {
-    local packages=(cmake make clang libclang-rt-14-dev pkg-config qtbase5-dev) missing=() pkg status sudo=()
-    for pkg in "${packages[@]}"; do
-        status=$(dpkg-query -W -f='${db:Status-Status}' "$pkg" 2>/dev/null) || status=
-        [[ $status == installed ]] || missing+=("$pkg")
-    done
-    ((${#missing[@]} == 0)) && return 0
-    if ((EUID != 0)); then
-        command -v sudo >/dev/null || { echo "fuzz.sh: need root or sudo to install: ${missing[*]}" >&2; return 1; }
-        sudo=(sudo -n)
-    fi
-    echo "Installing: ${missing[*]}"
-    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q &&
-        "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive \
-            apt-get install -y -q --no-install-recommends "${missing[@]}"
-}
+source "$repo_root/scripts/packages.sh"
 
 if [[ ${ABCL_SKIP_INSTALL:-0} != 1 ]]; then
-    install_packages </dev/null
+    abcl_ensure_packages fuzz.sh cmake make clang libclang-rt-14-dev pkg-config qtbase5-dev || exit 1
 fi
 
 CC=clang CXX=clang++ cmake -S "$repo_root" -B "$build_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \

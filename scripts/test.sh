@@ -62,31 +62,15 @@ packages=(
     debian-archive-keyring
 )
 
-install_packages() {
-    local missing=() pkg status sudo=()
-    for pkg in "${packages[@]}"; do
-        status=$(dpkg-query -W -f='${db:Status-Status}' "$pkg" 2>/dev/null) || status=
-        [[ $status == installed ]] || missing+=("$pkg")
-    done
-    if ((${#missing[@]} == 0)); then
-        echo "All build packages are installed."
-        return 0
-    fi
-    if ((EUID != 0)); then
-        command -v sudo >/dev/null || { echo "test.sh: need root or sudo to install: ${missing[*]}" >&2; return 1; }
-        sudo=(sudo -n)
-    fi
-    echo "Installing: ${missing[*]}"
-    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q &&
-        "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive \
-            apt-get install -y -q --no-install-recommends "${missing[@]}"
-}
+source "$repo_root/scripts/packages.sh"
 
 script_start=$SECONDS
 if [[ ${ABCL_SKIP_INSTALL:-0} != 1 ]]; then
     banner "packages"
     t0=$SECONDS
-    if ! install_packages </dev/null; then
+    if abcl_ensure_packages test.sh "${packages[@]}"; then
+        echo "Build packages are in place."
+    else
         echo "test.sh: package installation failed" >&2
         exit 1
     fi
