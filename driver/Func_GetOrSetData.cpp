@@ -14,8 +14,6 @@ namespace {
 
 constexpr int64_t kAreaBits = static_cast<int64_t>(kAreaElements) * 16;
 
-int32_t Wrap32(int64_t value) { return static_cast<int32_t>(static_cast<uint32_t>(value)); }
-
 // The elements i in [first, last) of a run of n starting at `index` that lie
 // inside an area of `size` elements. Indexes come from host texts and records
 // and are not trusted: elements outside the area are skipped, the rest handled.
@@ -219,7 +217,7 @@ int SetRegisterData(QString addr2, int dataType, QString addr, int station, QByt
         return 1;
     }
 
-    if (dataType == ABCL_BIT_A || dataType == ABCL_BIT_B) {
+    if (IsBitType(dataType)) {
         if (count <= 0) return 0;
         int length = 0;
         for (int i = 0; i < count; ++i) {  // every bit is its own write request

@@ -11,16 +11,10 @@
 
 namespace {
 
-// Packed addresses are 32-bit values on the panel; arithmetic on them wraps
-// there, and does so here too instead of overflowing.
-int32_t Wrap32(int64_t value) { return static_cast<int32_t>(static_cast<uint32_t>(value)); }
-
 // A piece that does not convert as a decimal number counts as 0.
 int64_t PieceValue(const QStringList& pieces, int index) {
     return index < pieces.size() ? pieces.at(index).toInt(nullptr, 10) : 0;
 }
-
-bool IsBitType(int dataType) { return dataType == ABCL_BIT_A || dataType == ABCL_BIT_B; }
 
 // Number of 16-bit words that hold `count` bits starting at bit `firstBit` of a word.
 int64_t WordsHoldingBits(int firstBit, int64_t count) {

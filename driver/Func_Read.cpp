@@ -1,16 +1,11 @@
 // Direct-mode read requests: Read Tag Fragmented for a run of elements.
 #include "Func_Read.h"
 
+#include "ab_controllogix_compactlogix_p.h"
 #include "df1_frame.h"
 #include "protocol_constants.h"
 
 namespace {
-
-// Byte counts are 32-bit values on the panel and wrap there; the savers never
-// trust them beyond the reply's size.
-int32_t WrappedProduct(int64_t count, int bytesPerElement) {
-    return static_cast<int32_t>(static_cast<uint32_t>(count * bytesPerElement));
-}
 
 void QueueRead(RW_VAR* var, char letter, int elements, int dataBytes) {
     FrameWriter w;
@@ -41,9 +36,8 @@ void ReadRegister(RW_VAR* var) {
 
 void ReadAnalog(RW_VAR* var) {
     if (!var) return;
-    const bool bFile = var->dataType == ABCL_BIT_A || var->dataType == ABCL_WORD_A;
-    QueueRead(var, bFile ? kLetterBitFile : kLetterIntegerFile, var->count,
-              WrappedProduct(var->count, 2));
+    // Byte counts wrap as on the panel; the savers never trust them beyond the reply.
+    QueueRead(var, WordFileLetter(var->dataType), var->count, Wrap32(int64_t{var->count} * 2));
 }
 
 // A 32-bit record asks for one element less than its count (at least one);
@@ -52,5 +46,5 @@ void ReadAnalog_F(RW_VAR* var) {
     if (!var) return;
     const int64_t oneLess = static_cast<int64_t>(var->count) - 1;
     const int elements = oneLess < 1 ? 1 : static_cast<int>(oneLess);
-    QueueRead(var, kLetterFloatFile, elements, WrappedProduct(elements, 4));
+    QueueRead(var, kLetterFloatFile, elements, Wrap32(int64_t{elements} * 4));
 }

@@ -42,10 +42,6 @@ int DoubledReplyBytes(const RW_VAR& var) {
     return ((var.station & 0xFF) == df1::DLE ? 1 : 0) + ((PLC_driver.tns & 0xFF) == df1::DLE ? 1 : 0);
 }
 
-int32_t WrappedProduct(int64_t count, int bytesPerElement) {
-    return static_cast<int32_t>(static_cast<uint32_t>(count * bytesPerElement));
-}
-
 }  // namespace
 
 void Remote_ReadVar(RW_VAR* var) {
@@ -58,9 +54,9 @@ void Remote_ReadVar(RW_VAR* var) {
     // partner cannot serve expect no data.
     int dataBytes = 0;
     if (var->dataType >= ABCL_BIT_A && var->dataType <= ABCL_WORD_B)
-        dataBytes = WrappedProduct(var->count, 2);
+        dataBytes = Wrap32(int64_t{var->count} * 2);
     else if (var->dataType == ABCL_REAL)
-        dataBytes = WrappedProduct(var->count, 4);
+        dataBytes = Wrap32(int64_t{var->count} * 4);
     QueueProtocol(frame, kUnknownReplyLength, kRemoteReadDataPos + DoubledReplyBytes(*var),
                   dataBytes, *var);
 }

@@ -60,11 +60,9 @@ void WriteBool(RW_VAR* var) {
     const int file = address / 4096;
     const int element = (address / 16) % 256;
     const int bit = address % 16;
-    const bool bFile = var->dataType == ABCL_BIT_A || var->dataType == ABCL_WORD_A;
 
     FrameWriter w;
-    WriteTagRequestHead(w, cip::SERVICE_READ_MODIFY_WRITE_TAG,
-                        bFile ? kLetterBitFile : kLetterIntegerFile,
+    WriteTagRequestHead(w, cip::SERVICE_READ_MODIFY_WRITE_TAG, WordFileLetter(var->dataType),
                         DigitalToASCII((file >> 8) & 0xFF), DigitalToASCII(file & 0xFF), element);
     WriteElementHighByte(w);
     w.put(34, kMaskBytes);
@@ -89,11 +87,10 @@ void WriteAnalog(RW_VAR* var) {
     if (!var) return;
     const int count = var->count;
     if (count < kMostNegativeWriteCount || count > kMaxWriteCount) return;
-    const bool bFile = var->dataType == ABCL_BIT_A || var->dataType == ABCL_WORD_A;
 
     FrameWriter w;
-    WriteWordAddressedHead(w, cip::SERVICE_WRITE_TAG_FRAGMENTED,
-                           bFile ? kLetterBitFile : kLetterIntegerFile, var->address);
+    WriteWordAddressedHead(w, cip::SERVICE_WRITE_TAG_FRAGMENTED, WordFileLetter(var->dataType),
+                           var->address);
     WriteElementHighByte(w);
     WriteTypeAndCount(w, cip::TYPE_INT, count);
     // Values go out in the host's order, low byte first; a short array is

@@ -71,7 +71,7 @@ void BuildRead(RW_VAR* var, bool oneShot) {
     // that duplicates are recognised bit-exactly; the frame must still name the
     // word that holds the bits, and the reply must land on that word.
     RW_VAR wordRequest;
-    if (oneShot && (var->dataType == ABCL_BIT_A || var->dataType == ABCL_BIT_B)) {
+    if (oneShot && IsBitType(var->dataType)) {
         wordRequest = *var;
         wordRequest.address = var->address >> 4;
         var = &wordRequest;

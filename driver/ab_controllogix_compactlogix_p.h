@@ -99,6 +99,12 @@ extern void* RWI;
 // instead of a null dereference.
 ComInfo& settings();
 
+// Packed addresses, counts and byte counts are 32-bit values on the panel;
+// arithmetic on them wraps there, and does so here too instead of overflowing.
+inline int32_t Wrap32(int64_t value) { return static_cast<int32_t>(static_cast<uint32_t>(value)); }
+
+inline bool IsBitType(int dataType) { return dataType == ABCL_BIT_A || dataType == ABCL_BIT_B; }
+
 // commError is written by the communication thread and read by the screens'
 // SetRegisterData; these accessors make that one unlocked flag race-free.
 inline bool commErrorSet() { return __atomic_load_n(&PLC_driver.commError, __ATOMIC_RELAXED) != 0; }

@@ -99,6 +99,10 @@ void WriteTagRequestHead(FrameWriter& w, uint8_t service, char letter, int nameH
     w.putStuffed(frame_offset::ELEMENT, element & 0xFF);
 }
 
+char WordFileLetter(int dataType) {
+    return (dataType == ABCL_BIT_A || dataType == ABCL_WORD_A) ? kLetterBitFile : kLetterIntegerFile;
+}
+
 void WriteWordAddressedHead(FrameWriter& w, uint8_t service, char letter, int wordAddress) {
     // The tag is named by a letter, "00" and one file digit: N007, B003, F008.
     WriteTagRequestHead(w, service, letter, DigitalToASCII(0),

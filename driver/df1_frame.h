@@ -40,6 +40,9 @@ uint8_t RequestBlockCheck(const QByteArray& frameThroughEtx);
 void WriteTagRequestHead(FrameWriter& w, uint8_t service, char letter, int nameHigh,
                          int nameLow, int element);
 
+// Tag letter of a 16-bit file: 'B' for data types 0 and 2, 'N' for 1 and 3.
+char WordFileLetter(int dataType);
+
 // Name characters and element of a word address (file x 256 + element).
 void WriteWordAddressedHead(FrameWriter& w, uint8_t service, char letter, int wordAddress);
 
