@@ -31,7 +31,7 @@ void BM_Exchange_CyclicRead(benchmark::State& state) {
     var.addrText = QStringLiteral("7:0");
     AddListReadVar(&var);
     const std::vector<uint16_t> words = TenWords();
-    const QByteArray reply = bench::WordReadReply(words);
+    const QByteArray reply = replies::WordReadReply(bench::kTns, words);
     const int length = reply.size();
 
     int learnt = 0;
@@ -63,7 +63,7 @@ void BM_Exchange_Write(benchmark::State& state) {
     bench::ResetDriver();
     QByteArray values(20, '\0');
     for (int i = 0; i < values.size(); ++i) values[i] = static_cast<char>(0x30 + i);
-    const QByteArray reply = bench::WriteReply();
+    const QByteArray reply = replies::WriteReply(bench::kTns);
     const int length = reply.size();
     int result = 0;
     int requestLength = 0;
@@ -138,7 +138,7 @@ void BM_CheckGetData_250(benchmark::State& state) {
     ReadAnalog(&var);  // the request the reply answers (reply kind: data)
     std::vector<uint16_t> words(110, 0x2345);
     words[50] = 0x0010;
-    const QByteArray reply = bench::WordReadReply(words);
+    const QByteArray reply = replies::WordReadReply(bench::kTns, words);
     int check = 0;
     for (auto _ : state) {
         check = CheckGetData(reply, reply.size());

@@ -9,6 +9,9 @@
 
 #include <benchmark/benchmark.h>
 
+// Replies are framed by the test suite's controller-side builder.
+#include "reply_builder.h"
+
 #include <QtCore/QByteArray>
 
 #include <cstdint>
@@ -24,6 +27,9 @@ inline ComInfo& Settings() {
     return info;
 }
 
+// Transaction number of every benchmark's requests and replies.
+constexpr uint8_t kTns = 0x21;
+
 // The driver as right after loading, wired to freshly zeroed settings.
 inline void ResetDriver(int maxCount = 32) {
     ResetDriverForTest();
@@ -35,72 +41,7 @@ inline void ResetDriver(int maxCount = 32) {
     info.localLinkNo = 0;
     info.writeMode = 2;
     SetComInfo(&info);
-    PLC_driver.tns = 0x21;  // fixed, so every run builds the same frames
-}
-
-constexpr uint8_t kDle = 0x10;
-
-// Two's complement of the low byte of the body's sum.
-inline uint8_t BlockCheck(const QByteArray& body) {
-    unsigned sum = 0;
-    for (char c : body) sum += static_cast<uint8_t>(c);
-    return static_cast<uint8_t>((0x100 - (sum & 0xFF)) & 0xFF);
-}
-
-// DLE ACK DLE STX, the body with each 0x10 sent twice, DLE ETX, block check.
-inline QByteArray Framed(const QByteArray& body) {
-    QByteArray out("\x10\x06\x10\x02", 4);
-    for (char c : body) {
-        out.append(c);
-        if (static_cast<uint8_t>(c) == kDle) out.append(c);
-    }
-    out.append('\x10').append('\x03');
-    out.append(static_cast<char>(BlockCheck(body)));
-    return out;
-}
-
-// DF1 reply header and the Multiple Service Packet reply around one embedded
-// reply of `service`, then `payload` (which starts at reply position 24).
-inline QByteArray ReplyBody(uint8_t service, const QByteArray& payload) {
-    const uint8_t head[] = {0x00,
-                            0x00,
-                            0x4B,
-                            0x00,
-                            0x21,
-                            0x00,
-                            0x00,
-                            0x00,
-                            0x8A,
-                            0x00,
-                            0x00,
-                            0x00,
-                            0x01,
-                            0x00,
-                            0x04,
-                            0x00,
-                            static_cast<uint8_t>(service | 0x80),
-                            0x00,
-                            0x00,
-                            0x00};
-    QByteArray body(reinterpret_cast<const char*>(head), sizeof head);
-    body.append(payload);
-    return body;
-}
-
-// A controller's answer to a 16-bit read: INT type, then the words low byte
-// first, the first data byte at reply position 26.
-inline QByteArray WordReadReply(const std::vector<uint16_t>& words) {
-    QByteArray payload("\xC3\x00", 2);
-    for (uint16_t w : words) {
-        payload.append(static_cast<char>(w & 0xFF));
-        payload.append(static_cast<char>(w >> 8));
-    }
-    return Framed(ReplyBody(0x52, payload));
-}
-
-// A controller's acknowledgement of a write: 27 bytes.
-inline QByteArray WriteReply() {
-    return Framed(ReplyBody(0x53, QByteArray()));
+    PLC_driver.tns = kTns;  // fixed, so every run builds the same frames
 }
 
 // Exchanges per second a serial line carries when each exchange puts
