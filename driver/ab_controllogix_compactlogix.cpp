@@ -12,6 +12,7 @@
 #include <QtCore/QtGlobal>
 
 #include <cstring>
+#include <new>
 
 AB_ControlLogix_CompactLogix PLC_driver;
 
@@ -118,24 +119,9 @@ AB_ControlLogix_CompactLogix::~AB_ControlLogix_CompactLogix() = default;
 ComInfo& settings() { return PLC_driver.comInfo ? *PLC_driver.comInfo : g_defaultSettings; }
 
 void ResetDriverForTest() {
-    AB_ControlLogix_CompactLogix& d = PLC_driver;
-    d.comInfo = nullptr;
-    d.readList.clear();
-    d.writeList.clear();
-    d.onceReadList.clear();
-    d.spareList.clear();
-    d.protocolList.clear();
-    d.extendList.clear();
-    d.callBack = nullptr;
-    d.callBackCtx = 0;
-    d.current = RW_VAR();
-    d.mode = kModeNone;
-    d.writeBurst = d.onceBurst = d.cycleCount = 0;
-    d.commError = d.commError2 = 0;
-    std::memset(d.areaA, 0, sizeof d.areaA);
-    std::memset(d.areaB, 0, sizeof d.areaB);
-    std::memset(d.areaD, 0, sizeof d.areaD);
-    d.tns = InitialTransactionNumber();
+    // Exactly the state after loading: the object is built afresh in place.
+    PLC_driver.~AB_ControlLogix_CompactLogix();
+    new (&PLC_driver) AB_ControlLogix_CompactLogix();
     g_defaultSettings = ComInfo{};
     LB = LW = RWI = nullptr;
 }
