@@ -174,16 +174,16 @@ void EndToEnd::SetUp() {
     api = &plugin.api();
 
     const SimConfig config = Config();
-    plcsim::ControllerOptions controllerOptions;
+    peer::ControllerOptions controllerOptions;
     controllerOptions.mode = config.mode;
-    controller = std::make_unique<plcsim::Controller>(memory, controllerOptions);
-    line = plcsim::SerialLine::OpenPty("", &error);
+    controller = std::make_unique<peer::Controller>(memory, controllerOptions);
+    line = peer::SerialLine::OpenPty("", &error);
     ASSERT_TRUE(line) << error;
-    plcsim::ServerOptions serverOptions;
+    peer::ServerOptions serverOptions;
     serverOptions.paceBaud = config.baud;
     serverOptions.turnaroundMs = config.turnaroundMs;
     serverOptions.tickIntervalMs = 0;  // the live tags move only when a test ticks them
-    server = std::make_unique<plcsim::Server>(*controller, memory, *line, serverOptions);
+    server = std::make_unique<peer::Server>(*controller, memory, *line, serverOptions);
     ASSERT_TRUE(server->start(&error)) << error;
     ASSERT_TRUE(host.open(line->peerPath(), config.baud, &error)) << error;
 
@@ -194,7 +194,7 @@ void EndToEnd::SetUp() {
     info.localLinkNo = 0;
     info.writeMode = 2;
     info.hostContext = kHostContext;
-    info.remoteMode = config.mode == plcsim::LinkMode::kRemote ? 1 : 0;
+    info.remoteMode = config.mode == peer::LinkMode::kRemote ? 1 : 0;
     ASSERT_EQ(api->FlashLocalRegister(g_hostBits, g_hostWords, g_hostRwi), 396);
     api->SetComInfo(&info);
     api->RegistCallBackFuncIntf(&RecordCallback, 0);
@@ -431,20 +431,20 @@ std::vector<uint32_t> EndToEnd::SimRealsAt(int file, int element, int count) {
 // ---- faults ---------------------------------------------------------------------------
 
 void EndToEnd::DropNext(uint32_t replies) {
-    plcsim::FaultPlan plan;
+    peer::FaultPlan plan;
     plan.drop.next = replies;
     controller->setFaults(plan);
     noCompleteReply_ = true;
 }
 
 void EndToEnd::CorruptNext(uint32_t replies) {
-    plcsim::FaultPlan plan;
+    peer::FaultPlan plan;
     plan.corruptCheck.next = replies;
     controller->setFaults(plan);
 }
 
 void EndToEnd::TruncateNext(uint32_t replies, uint32_t bytes) {
-    plcsim::FaultPlan plan;
+    peer::FaultPlan plan;
     plan.truncate.next = replies;
     plan.truncateBytes = bytes;
     controller->setFaults(plan);
@@ -452,14 +452,14 @@ void EndToEnd::TruncateNext(uint32_t replies, uint32_t bytes) {
 }
 
 void EndToEnd::LateNext(uint32_t replies, uint32_t ms) {
-    plcsim::FaultPlan plan;
+    peer::FaultPlan plan;
     plan.late.next = replies;
     plan.lateMs = ms;
     controller->setFaults(plan);
 }
 
 void EndToEnd::WrongTnsNext(uint32_t replies) {
-    plcsim::FaultPlan plan;
+    peer::FaultPlan plan;
     plan.wrongTns.next = replies;
     controller->setFaults(plan);
 }

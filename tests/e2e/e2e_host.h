@@ -10,12 +10,12 @@
 #define ABCL_E2E_HOST_H
 
 #include "ab_controllogix_compactlogix.h"
-#include "plugin.h"
+#include "peer/host_loop.h"
 
-#include "plcsim/controller.h"
-#include "plcsim/serial_line.h"
-#include "plcsim/server.h"
-#include "plcsim/tag_memory.h"
+#include "peer/controller.h"
+#include "peer/line.h"
+#include "peer/server.h"
+#include "peer/tag_memory.h"
 
 #include <gtest/gtest.h>
 
@@ -62,7 +62,7 @@ const char* OutcomeName(HostLine::Outcome outcome);
 
 // How the simulator is set up for a test.
 struct SimConfig {
-    plcsim::LinkMode mode = plcsim::LinkMode::kDirect;
+    peer::LinkMode mode = peer::LinkMode::kDirect;
     int baud = 115200;          // replies are paced at this rate
     uint32_t turnaroundMs = 1;  // request end to reply start
 };
@@ -161,14 +161,14 @@ protected:
 
     static const std::vector<Callback>& Callbacks();
 
-    hostsim::Plugin plugin;
-    const hostsim::PluginApi* api = nullptr;
+    peer::Plugin plugin;
+    const peer::PluginApi* api = nullptr;
     ComInfo info{};
 
-    plcsim::TagMemory memory;
-    std::unique_ptr<plcsim::Controller> controller;
-    std::unique_ptr<plcsim::SerialLine> line;
-    std::unique_ptr<plcsim::Server> server;
+    peer::TagMemory memory;
+    std::unique_ptr<peer::Controller> controller;
+    std::unique_ptr<peer::SerialLine> line;
+    std::unique_ptr<peer::Server> server;
     HostLine host;
 
     // How long the host waits for a reply. An exchange whose reply a test

@@ -287,7 +287,7 @@ TEST_F(Silence, ReadsShowZerosAWriteFailsAndBothRecoverAfterIt) {
     // Two seconds without a word from the controller; the write's two tries
     // time out well within them.
     replyTimeoutMs = 200;
-    controller->silenceFor(plcsim::MonotonicMs(), 2000);
+    controller->silenceFor(peer::MonotonicMs(), 2000);
     const auto steps = RunUntil(
         [](const Step& s) { return s.sent && !s.isWrite() && !s.learning && s.result == 1; }, 60);
     replyTimeoutMs = 1000;

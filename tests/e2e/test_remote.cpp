@@ -9,7 +9,7 @@ class RemoteMode : public EndToEnd {
 protected:
     SimConfig Config() const override {
         SimConfig config;
-        config.mode = plcsim::LinkMode::kRemote;
+        config.mode = peer::LinkMode::kRemote;
         return config;
     }
 };

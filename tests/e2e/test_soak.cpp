@@ -48,7 +48,7 @@ TEST_F(Soak, ThousandsOfExchangesOnACleanLineAllSucceed) {
     int writeSteps = 0;
     int failures = 0;
     std::string firstFailure;
-    const plcsim::ControllerCounters before = controller->counters();
+    const peer::ControllerCounters before = controller->counters();
     int sent = 0;
     bool pending = false;  // a read has learnt its length and goes out again
     const auto started = std::chrono::steady_clock::now();
@@ -115,7 +115,7 @@ TEST_F(Soak, ThousandsOfExchangesOnACleanLineAllSucceed) {
     EXPECT_EQ(sent, total);
     EXPECT_GT(writeSteps, 0);
 
-    const plcsim::ControllerCounters after = controller->counters();
+    const peer::ControllerCounters after = controller->counters();
     EXPECT_EQ(after.framesReceived - before.framesReceived, static_cast<uint64_t>(sent));
     EXPECT_EQ(after.repliesSent - before.repliesSent, static_cast<uint64_t>(sent));
     EXPECT_EQ(after.badFrames, 0u);

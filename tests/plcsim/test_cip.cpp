@@ -3,16 +3,16 @@
 #include "driver_frames.h"
 #include "plcsim_test_support.h"
 
-#include "plcsim/cip.h"
-#include "plcsim/controller.h"
-#include "plcsim/df1_link.h"
-#include "plcsim/tag_memory.h"
+#include "peer/cip.h"
+#include "peer/controller.h"
+#include "peer/df1.h"
+#include "peer/tag_memory.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 
-using namespace plcsim;
+using namespace peer;
 
 namespace {
 

@@ -3,17 +3,17 @@
 #include "driver_frames.h"
 #include "plcsim_test_support.h"
 
-#include "plcsim/df1_link.h"
+#include "peer/df1.h"
 
 #include <gtest/gtest.h>
 
 #include <optional>
 #include <random>
 
-using plcsim::BlockCheck;
-using plcsim::Df1Event;
-using plcsim::Df1Receiver;
-using plcsim::FrameReply;
+using peer::BlockCheck;
+using peer::Df1Event;
+using peer::Df1Receiver;
+using peer::FrameReply;
 
 namespace {
 
@@ -171,7 +171,7 @@ TEST(Df1Receiver, ResetForgetsAPartialFrame) {
 }
 
 TEST(Df1Receiver, OverlongFrameIsDroppedAndTheNextOneTaken) {
-    Df1Receiver receiver(64);
+    Df1Receiver receiver(peer::Side::kRequests, 64);
     Bytes longBody(100, 0x55);
     const auto events = Feed(receiver, Concat(RequestFrame(longBody), Hex(kDriverFrames[0].hex)));
     ASSERT_EQ(events.size(), 2u);
@@ -183,7 +183,7 @@ TEST(Df1Receiver, RandomBytesNeverHideAFollowingFrame) {
     std::mt19937 random(12345);
     const Bytes frame = Hex(kDriverFrames[6].hex);
     for (int round = 0; round < 2000; ++round) {
-        Df1Receiver receiver(256);
+        Df1Receiver receiver(peer::Side::kRequests, 256);
         Bytes noise(random() % 300);
         for (auto& b : noise) {
             // Plenty of DLEs, STXs and ETXs.

@@ -2,12 +2,12 @@
 #include "driver_frames.h"
 #include "plcsim_test_support.h"
 
-#include "plcsim/controller.h"
-#include "plcsim/df1_link.h"
+#include "peer/controller.h"
+#include "peer/df1.h"
 
 #include <gtest/gtest.h>
 
-using namespace plcsim;
+using namespace peer;
 
 namespace {
 

@@ -2,13 +2,13 @@
 // them out on the tag memory and the replies' layout.
 #include "plcsim_test_support.h"
 
-#include "plcsim/controller.h"
-#include "plcsim/df1_link.h"
-#include "plcsim/remote_link.h"
+#include "peer/controller.h"
+#include "peer/df1.h"
+#include "peer/remote_link.h"
 
 #include <gtest/gtest.h>
 
-using namespace plcsim;
+using namespace peer;
 
 namespace {
 

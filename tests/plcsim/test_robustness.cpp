@@ -4,15 +4,15 @@
 #include "driver_frames.h"
 #include "plcsim_test_support.h"
 
-#include "plcsim/cip.h"
-#include "plcsim/controller.h"
-#include "plcsim/df1_link.h"
+#include "peer/cip.h"
+#include "peer/controller.h"
+#include "peer/df1.h"
 
 #include <gtest/gtest.h>
 
 #include <random>
 
-using namespace plcsim;
+using namespace peer;
 
 namespace {
 

@@ -4,16 +4,16 @@
 #include "line_client.h"
 #include "plcsim_test_support.h"
 
-#include "plcsim/controller.h"
-#include "plcsim/serial_line.h"
-#include "plcsim/server.h"
+#include "peer/controller.h"
+#include "peer/line.h"
+#include "peer/server.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
 #include <thread>
 
-using namespace plcsim;
+using namespace peer;
 
 namespace {
 

@@ -1,11 +1,11 @@
 // Tag memory: layout, byte access, bounds and the ticking live tags.
-#include "plcsim/tag_memory.h"
+#include "peer/tag_memory.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 
-using namespace plcsim;
+using namespace peer;
 
 TEST(DataFileText, Parses) {
     DataFile file;

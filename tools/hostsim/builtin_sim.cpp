@@ -1,17 +1,17 @@
 #include "builtin_sim.h"
 
-#include "plcsim/controller.h"
-#include "plcsim/serial_line.h"
-#include "plcsim/server.h"
-#include "plcsim/tag_memory.h"
+#include "peer/controller.h"
+#include "peer/line.h"
+#include "peer/server.h"
+#include "peer/tag_memory.h"
 
 namespace hostsim {
 
 struct BuiltinSimulator::State {
-    plcsim::TagMemory memory;
-    std::unique_ptr<plcsim::Controller> controller;
-    std::unique_ptr<plcsim::SerialLine> line;
-    std::unique_ptr<plcsim::Server> server;
+    peer::TagMemory memory;
+    std::unique_ptr<peer::Controller> controller;
+    std::unique_ptr<peer::SerialLine> line;
+    std::unique_ptr<peer::Server> server;
 };
 
 BuiltinSimulator::BuiltinSimulator() = default;
@@ -22,7 +22,7 @@ BuiltinSimulator::~BuiltinSimulator() {
 
 namespace {
 
-bool ApplySet(plcsim::TagMemory& memory, const WriteRequest& set, std::string* error) {
+bool ApplySet(peer::TagMemory& memory, const WriteRequest& set, std::string* error) {
     const TagAddress& a = set.address;
     bool ok = true;
     if (a.letter == 'F') {
@@ -54,25 +54,25 @@ bool BuiltinSimulator::start(const Options& options, std::string* error) {
     for (const WriteRequest& set : options.simSets)
         if (!ApplySet(state->memory, set, error)) return false;
 
-    plcsim::ControllerOptions controllerOptions;
-    controllerOptions.mode = options.remote ? plcsim::LinkMode::kRemote : plcsim::LinkMode::kDirect;
-    state->controller = std::make_unique<plcsim::Controller>(state->memory, controllerOptions);
-    plcsim::FaultPlan faults;
+    peer::ControllerOptions controllerOptions;
+    controllerOptions.mode = options.remote ? peer::LinkMode::kRemote : peer::LinkMode::kDirect;
+    state->controller = std::make_unique<peer::Controller>(state->memory, controllerOptions);
+    peer::FaultPlan faults;
     faults.drop.every = options.simDropEvery;
     faults.corruptCheck.every = options.simCorruptEvery;
     faults.truncate.every = options.simTruncateEvery;
     state->controller->setFaults(faults);
 
     std::string why;
-    state->line = plcsim::SerialLine::OpenPty("", &why);
+    state->line = peer::SerialLine::OpenPty("", &why);
     if (!state->line) {
         if (error) *error = "cannot open a pseudo-terminal for the built-in simulator: " + why;
         return false;
     }
-    plcsim::ServerOptions serverOptions;
+    peer::ServerOptions serverOptions;
     serverOptions.paceBaud = options.baud;
     serverOptions.turnaroundMs = static_cast<uint32_t>(options.simTurnaroundMs);
-    state->server = std::make_unique<plcsim::Server>(*state->controller, state->memory,
+    state->server = std::make_unique<peer::Server>(*state->controller, state->memory,
                                                      *state->line, serverOptions);
     if (!state->server->start(&why)) {
         if (error) *error = "cannot start the built-in simulator: " + why;

@@ -6,7 +6,7 @@
 
 #include "addresses.h"
 #include "options.h"
-#include "plugin.h"
+#include "peer/host_loop.h"
 #include "serial_port.h"
 
 #include <atomic>
@@ -22,6 +22,9 @@
 #include <vector>
 
 namespace hostsim {
+
+using peer::Plugin;
+using peer::PluginApi;
 
 // Result codes of DataCom's record, in words.
 std::string ResultText(int code);

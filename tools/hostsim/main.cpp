@@ -5,7 +5,7 @@
 #include "display.h"
 #include "host.h"
 #include "options.h"
-#include "plugin.h"
+#include "peer/host_loop.h"
 #include "serial_port.h"
 
 #include <cerrno>
@@ -238,7 +238,7 @@ int main(int argc, char** argv) {
     const std::string pluginPath =
         options.pluginPath.empty() ? std::string(HOSTSIM_DEFAULT_PLUGIN) : options.pluginPath;
 
-    hostsim::Plugin plugin;
+    peer::Plugin plugin;
     if (!plugin.load(pluginPath, &error)) return Fail(hostsim::kExitPlugin, error);
 
     // The link: the built-in simulator's pseudo-terminal or a serial device.

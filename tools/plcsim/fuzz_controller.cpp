@@ -1,7 +1,7 @@
 // libFuzzer entry: the first input byte picks the link mode and a few
 // options, the rest goes to the controller as received bytes, in pieces.
-#include "plcsim/cip.h"
-#include "plcsim/controller.h"
+#include "peer/cip.h"
+#include "peer/controller.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -12,19 +12,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     ++data;
     --size;
 
-    plcsim::TagMemory memory({{'B', 3, 16}, {'N', 7, 16}, {'F', 8, 8}});
+    peer::TagMemory memory({{'B', 3, 16}, {'N', 7, 16}, {'F', 8, 8}});
     if (mode & 0x80) {
         // Straight to the CIP decoder and services.
-        plcsim::AnswerCipMessage(data, size, memory, 1 + (mode & 0x7F) * 4);
+        peer::AnswerCipMessage(data, size, memory, 1 + (mode & 0x7F) * 4);
         return 0;
     }
-    plcsim::ControllerOptions options;
-    options.mode = (mode & 1) ? plcsim::LinkMode::kRemote : plcsim::LinkMode::kDirect;
+    peer::ControllerOptions options;
+    options.mode = (mode & 1) ? peer::LinkMode::kRemote : peer::LinkMode::kDirect;
     options.nakBadFrames = (mode & 2) != 0;
     options.detectDuplicates = (mode & 4) != 0;
     options.maxReplyData = (mode & 8) ? 40 : 244;
-    plcsim::Controller controller(memory, options);
-    plcsim::FaultPlan plan;
+    peer::Controller controller(memory, options);
+    peer::FaultPlan plan;
     plan.truncate.every = (mode & 16) ? 2 : 0;
     plan.wrongTns.every = (mode & 32) ? 3 : 0;
     controller.setFaults(plan);

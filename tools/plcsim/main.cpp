@@ -1,9 +1,9 @@
 // plcsim: answers a Logix controller's serial port on a pseudo-terminal or a
 // real serial device, for running the driver without a controller.
-#include "plcsim/controller.h"
-#include "plcsim/serial_line.h"
-#include "plcsim/server.h"
-#include "plcsim/tag_memory.h"
+#include "peer/controller.h"
+#include "peer/line.h"
+#include "peer/server.h"
+#include "peer/tag_memory.h"
 
 #include <atomic>
 #include <csignal>
@@ -61,10 +61,10 @@ const char kUsage[] =
     "  --help                 this text\n";
 
 // Lock-free, so the signal handler may read it.
-std::atomic<plcsim::Server*> gServer{nullptr};
+std::atomic<peer::Server*> gServer{nullptr};
 
 void OnSignal(int) {
-    if (plcsim::Server* server = gServer.load()) server->requestStop();
+    if (peer::Server* server = gServer.load()) server->requestStop();
 }
 
 bool ParseUnsigned(const std::string& text, unsigned long max, unsigned long* value) {
@@ -101,11 +101,11 @@ int main(int argc, char** argv) {
     bool printPath = false;
     bool quiet = false;
     int baud = 19200;
-    std::vector<plcsim::DataFile> files;
+    std::vector<peer::DataFile> files;
     bool live = true;
-    plcsim::ControllerOptions controllerOptions;
-    plcsim::ServerOptions serverOptions;
-    plcsim::FaultPlan faults;
+    peer::ControllerOptions controllerOptions;
+    peer::ServerOptions serverOptions;
+    peer::FaultPlan faults;
     bool silence = false;
     unsigned long silenceAt = 0;
     unsigned long silenceFor = 0;
@@ -144,7 +144,7 @@ int main(int argc, char** argv) {
         } else if (opt == "--quiet") {
             quiet = true;
         } else if (opt == "--baud") {
-            ok = number(4000000, &v) && (v == 0 || plcsim::IsSupportedBaud(static_cast<int>(v)));
+            ok = number(4000000, &v) && (v == 0 || peer::IsSupportedBaud(static_cast<int>(v)));
             baud = static_cast<int>(v);
             if (!ok)
                 return Fail(
@@ -155,17 +155,17 @@ int main(int argc, char** argv) {
         } else if (opt == "--gap") {
             ok = u32(&serverOptions.gapResetMs);
         } else if (opt == "--file") {
-            plcsim::DataFile file;
+            peer::DataFile file;
             std::string error;
             if (!value(&text)) return Fail("--file wants a value such as N7:256");
-            if (!plcsim::ParseDataFile(text, &file, &error)) return Fail(error);
+            if (!peer::ParseDataFile(text, &file, &error)) return Fail(error);
             files.push_back(file);
         } else if (opt == "--no-live") {
             live = false;
         } else if (opt == "--tick") {
             ok = u32(&serverOptions.tickIntervalMs);
         } else if (opt == "--remote") {
-            controllerOptions.mode = plcsim::LinkMode::kRemote;
+            controllerOptions.mode = peer::LinkMode::kRemote;
         } else if (opt == "--no-nak") {
             controllerOptions.nakBadFrames = false;
         } else if (opt == "--detect-duplicates") {
@@ -218,15 +218,15 @@ int main(int argc, char** argv) {
     if (!device.empty() && !linkPath.empty()) return Fail("--link is for pseudo-terminals only");
     if (!device.empty() && baud == 0) return Fail("a device needs a real baud rate");
 
-    plcsim::TagMemory memory(files.empty() ? plcsim::TagMemory::DefaultLayout() : files);
-    plcsim::LiveTags liveTags = memory.liveTags();
+    peer::TagMemory memory(files.empty() ? peer::TagMemory::DefaultLayout() : files);
+    peer::LiveTags liveTags = memory.liveTags();
     liveTags.enabled = live;
     memory.setLiveTags(liveTags);
 
     std::string error;
-    std::unique_ptr<plcsim::SerialLine> line =
-        device.empty() ? plcsim::SerialLine::OpenPty(linkPath, &error)
-                       : plcsim::SerialLine::OpenDevice(device, baud, &error);
+    std::unique_ptr<peer::SerialLine> line =
+        device.empty() ? peer::SerialLine::OpenPty(linkPath, &error)
+                       : peer::SerialLine::OpenDevice(device, baud, &error);
     if (!line) {
         std::cerr << "plcsim: " << error << "\n";
         return 1;
@@ -234,13 +234,13 @@ int main(int argc, char** argv) {
     // A device is paced by its UART; only a pseudo-terminal needs pacing.
     serverOptions.paceBaud = line->isPty() ? baud : 0;
 
-    plcsim::Controller controller(memory, controllerOptions);
+    peer::Controller controller(memory, controllerOptions);
     controller.setFaults(faults);
     if (silence) {
-        const int64_t from = plcsim::MonotonicMs() + static_cast<int64_t>(silenceAt);
+        const int64_t from = peer::MonotonicMs() + static_cast<int64_t>(silenceAt);
         controller.silenceBetween(from, from + static_cast<int64_t>(silenceFor));
     }
-    plcsim::Server server(controller, memory, *line, serverOptions);
+    peer::Server server(controller, memory, *line, serverOptions);
     gServer = &server;
     struct sigaction action {};
     action.sa_handler = OnSignal;
@@ -254,7 +254,7 @@ int main(int argc, char** argv) {
     if (!quiet) {
         std::cerr << "plcsim: serving " << line->peerPath()
                   << (line->linkPath().empty() ? "" : " (link " + line->linkPath() + ")")
-                  << (controllerOptions.mode == plcsim::LinkMode::kRemote ? ", remote mode" : "")
+                  << (controllerOptions.mode == peer::LinkMode::kRemote ? ", remote mode" : "")
                   << ", " << baud << " baud\n";
     }
     const int result = server.run();

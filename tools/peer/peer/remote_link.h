@@ -1,20 +1,18 @@
 // The remote-mode partner: the short raw frames of the remote link (length
 // first, additive checksum last, no DLE framing) and their replies, which
 // come back in the DF1 envelope.
-#ifndef PLCSIM_REMOTE_LINK_H
-#define PLCSIM_REMOTE_LINK_H
+#ifndef PEER_REMOTE_LINK_H
+#define PEER_REMOTE_LINK_H
 
-#include "plcsim/tag_memory.h"
+#include "peer/df1.h"
+#include "peer/tag_memory.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <vector>
 
-namespace plcsim {
-
-// Low 8 bits of the sum of the bytes.
-uint8_t RemoteChecksum(const uint8_t* bytes, std::size_t n);
+namespace peer {
 
 // One request frame, its fields as they were sent (multi-byte fields high
 // byte first).
@@ -80,6 +78,6 @@ std::vector<uint8_t> AnswerRemoteRequest(const RemoteRequest& request, TagMemory
 // The transaction byte that follows t: t + 1, 255 wraps to 1, 16 is skipped.
 uint8_t NextRemoteTransaction(uint8_t t);
 
-}  // namespace plcsim
+}  // namespace peer
 
 #endif

@@ -1,7 +1,9 @@
 // The controller's data table: B and N files of 16-bit INT elements and F
 // files of 32-bit REAL elements, each a named tag (B003, N007, F008, ...).
-#ifndef PLCSIM_TAG_MEMORY_H
-#define PLCSIM_TAG_MEMORY_H
+#ifndef PEER_TAG_MEMORY_H
+#define PEER_TAG_MEMORY_H
+
+#include "peer/profile.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -12,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-namespace plcsim {
+namespace peer {
 
 // One data file: its letter ('B', 'N' or 'F'), its number and its size in
 // elements.
@@ -44,16 +46,16 @@ uint16_t ElementType(char letter);
 struct LiveTags {
     bool enabled = true;
     // Counts whole seconds of ticked time (adds to whatever was written).
-    char counterLetter = 'N';
-    int counterFile = 10;
-    std::size_t counterElement = 0;
+    char counterLetter = profile::kCounterLetter;
+    int counterFile = profile::kCounterFile;
+    std::size_t counterElement = profile::kCounterElement;
     // Flips bit 0 of this word every 500 ms of ticked time.
-    char toggleLetter = 'N';
-    int toggleFile = 10;
-    std::size_t toggleElement = 1;
+    char toggleLetter = profile::kToggleLetter;
+    int toggleFile = profile::kToggleFile;
+    std::size_t toggleElement = profile::kToggleElement;
     // A REAL ramp: 0.0 rising to 99.99 over 10 s of ticked time, then again.
-    int rampFile = 9;
-    std::size_t rampElement = 0;
+    int rampFile = profile::kRampFile;
+    std::size_t rampElement = profile::kRampElement;
 };
 
 // Result of an access by the protocol side.
@@ -119,6 +121,6 @@ private:
     uint64_t ticked_ = 0;
 };
 
-}  // namespace plcsim
+}  // namespace peer
 
 #endif

@@ -2,12 +2,12 @@
 // Receives DF1 requests (or remote-mode frames), answers them from the tag
 // memory and applies the configured faults. Time comes from the caller, so
 // everything here is deterministic.
-#ifndef PLCSIM_CONTROLLER_H
-#define PLCSIM_CONTROLLER_H
+#ifndef PEER_CONTROLLER_H
+#define PEER_CONTROLLER_H
 
-#include "plcsim/df1_link.h"
-#include "plcsim/remote_link.h"
-#include "plcsim/tag_memory.h"
+#include "peer/df1.h"
+#include "peer/remote_link.h"
+#include "peer/tag_memory.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -15,7 +15,7 @@
 #include <optional>
 #include <vector>
 
-namespace plcsim {
+namespace peer {
 
 enum class LinkMode {
     kDirect,  // DF1 full duplex carrying CIP
@@ -133,6 +133,6 @@ private:
     std::optional<std::vector<uint8_t>> lastHeader_;  // SRC CMD TNS of the last message
 };
 
-}  // namespace plcsim
+}  // namespace peer
 
 #endif

@@ -1,8 +1,8 @@
-#include "plcsim/cip.h"
+#include "peer/cip.h"
 
-#include "plcsim/protocol.h"
+#include "peer/df1.h"
 
-namespace plcsim {
+namespace peer {
 
 namespace {
 
@@ -348,4 +348,4 @@ std::vector<uint8_t> AnswerCipMessage(const uint8_t* p, std::size_t n, TagMemory
     return out;
 }
 
-}  // namespace plcsim
+}  // namespace peer

@@ -2,12 +2,12 @@
 // the turnaround time, and sends the replies paced at the line's baud rate,
 // ticking the tag memory on the way. Runs on its own thread (start/stop) or
 // in the caller's (run).
-#ifndef PLCSIM_SERVER_H
-#define PLCSIM_SERVER_H
+#ifndef PEER_SERVER_H
+#define PEER_SERVER_H
 
-#include "plcsim/controller.h"
-#include "plcsim/serial_line.h"
-#include "plcsim/tag_memory.h"
+#include "peer/controller.h"
+#include "peer/line.h"
+#include "peer/tag_memory.h"
 
 #include <atomic>
 #include <cstddef>
@@ -17,16 +17,11 @@
 #include <string>
 #include <thread>
 
-namespace plcsim {
+namespace peer {
 
-// The clock the server hands to Controller::receive, in milliseconds; use it
-// for Controller::silenceFor and silenceBetween while a server runs.
-int64_t MonotonicMs();
-
-// Bytes of a reply that may be on the line elapsedNs after its first byte
-// started, at baud (10 bits a byte): byte k starts at k byte times. With
-// baud 0 the whole reply may go at once.
-std::size_t PacedBytesAllowed(int64_t elapsedNs, int baud, std::size_t total);
+// The server hands MonotonicMs() (peer/line.h) to Controller::receive; use
+// the same clock for Controller::silenceFor and silenceBetween while a
+// server runs.
 
 struct ServerOptions {
     // Output pace in bits per second, 10 bits per byte (start, 8 data, stop).
@@ -94,6 +89,6 @@ private:
     std::string error_;
 };
 
-}  // namespace plcsim
+}  // namespace peer
 
 #endif

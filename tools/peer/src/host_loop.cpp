@@ -1,8 +1,8 @@
-#include "plugin.h"
+#include "peer/host_loop.h"
 
 #include <dlfcn.h>
 
-namespace hostsim {
+namespace peer {
 
 namespace {
 
@@ -65,4 +65,38 @@ bool Plugin::load(const std::string& path, std::string* error) {
     return true;
 }
 
-}  // namespace hostsim
+QByteArray StandardHandOver(const Exchange& exchange) {
+    return exchange.answered() ? exchange.received : QByteArray();
+}
+
+Exchange RunExchange(const PluginApi& api, HostPort& port, int timeoutMs, int wakeFd,
+                     const ExchangeHooks& hooks) {
+    Exchange e;
+    Protocol* p = api.ComCommunication();
+    if (!p) return e;
+    // DataCom destroys the record it answers: keep what is needed.
+    e.sent = true;
+    e.frame = p->frame;
+    e.request = p->var;
+    e.learning = p->replyLen == -1;
+    if (hooks.beforeSend) hooks.beforeSend(e);
+
+    std::vector<uint8_t> reply;
+    e.outcome = port.exchange(reinterpret_cast<const uint8_t*>(e.frame.constData()),
+                              static_cast<std::size_t>(e.frame.size()), timeoutMs, wakeFd, &reply);
+    e.received = QByteArray(reinterpret_cast<const char*>(reply.data()),
+                            static_cast<int>(reply.size()));
+    // The host is stopping or its line failed: the exchange is abandoned and
+    // the request stays queued for the next turn.
+    if (e.outcome == LineOutcome::kStopped || e.outcome == LineOutcome::kError) return e;
+    e.handed = hooks.handOver ? hooks.handOver(e) : StandardHandOver(e);
+
+    const RW_VAR* current = api.DataCom(e.handed, e.handed.size());
+    e.result = current->result;
+    e.varId = current->varId;
+    e.varSubId = current->varSubId;
+    e.station = current->station;
+    return e;
+}
+
+}  // namespace peer

@@ -1,4 +1,4 @@
-#include "plcsim/server.h"
+#include "peer/server.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,15 +9,14 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-namespace plcsim {
+namespace peer {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
 int64_t NowNs() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
-        .count();
+    return MonotonicNs();
 }
 
 constexpr int64_t kNsPerMs = 1000000;
@@ -31,23 +30,6 @@ struct Pending {
 };
 
 }  // namespace
-
-int64_t MonotonicMs() {
-    return NowNs() / kNsPerMs;
-}
-
-std::size_t PacedBytesAllowed(int64_t elapsedNs, int baud, std::size_t total) {
-    if (baud <= 0) return total;
-    if (elapsedNs < 0) return 0;
-    // Byte k starts at k * 1e10 / baud ns (10 bits a byte). Whole multiples
-    // of 1e10 ns are split off so the products stay exact in 64 bits.
-    const uint64_t tenSeconds = 10000000000ULL;
-    const uint64_t elapsed = static_cast<uint64_t>(elapsedNs);
-    const uint64_t rate = static_cast<uint64_t>(baud);
-    const uint64_t started =
-        (elapsed / tenSeconds) * rate + (elapsed % tenSeconds) * rate / tenSeconds + 1;
-    return started < total ? static_cast<std::size_t>(started) : total;
-}
 
 Server::Server(Controller& controller, TagMemory& memory, SerialLine& line, ServerOptions options)
     : controller_(controller), memory_(memory), line_(line), options_(options) {
@@ -263,4 +245,4 @@ int Server::loop() {
     return result;
 }
 
-}  // namespace plcsim
+}  // namespace peer

@@ -1,11 +1,11 @@
-#include "plcsim/controller.h"
+#include "peer/controller.h"
 
-#include "plcsim/cip.h"
-#include "plcsim/protocol.h"
+#include "peer/cip.h"
+#include "peer/df1.h"
 
 #include <algorithm>
 
-namespace plcsim {
+namespace peer {
 
 namespace {
 
@@ -127,6 +127,8 @@ void Controller::handleDf1Event(const Df1Event& event, int64_t nowMs,
         case Df1Event::Kind::kOverflow:
             ++counters_.overflows;
             return;
+        case Df1Event::Kind::kRefused:  // a replies-side event; never seen here
+            return;
         case Df1Event::Kind::kBadBlockCheck:
             ++counters_.badFrames;
             if (options_.nakBadFrames && !silentAt(nowMs)) {
@@ -209,4 +211,4 @@ void Controller::sendReply(std::vector<uint8_t> body, int64_t nowMs,
     out->push_back(std::move(transmission));
 }
 
-}  // namespace plcsim
+}  // namespace peer

@@ -1,10 +1,10 @@
-#include "plcsim/tag_memory.h"
+#include "peer/tag_memory.h"
 
-#include "plcsim/protocol.h"
+#include "peer/df1.h"
 
 #include <cstring>
 
-namespace plcsim {
+namespace peer {
 
 namespace {
 
@@ -80,7 +80,10 @@ bool ParseDataFile(const std::string& text, DataFile* file, std::string* error) 
 }
 
 std::vector<DataFile> TagMemory::DefaultLayout() {
-    return {{'B', 3, 256}, {'N', 7, 256}, {'F', 8, 256}, {'F', 9, 256}, {'N', 10, 256}};
+    std::vector<DataFile> files;
+    for (const profile::FileSpec& f : profile::kDefaultFiles)
+        files.push_back({f.letter, f.file, f.elements});
+    return files;
 }
 
 TagMemory::TagMemory() : TagMemory(DefaultLayout()) {}
@@ -261,4 +264,4 @@ void TagMemory::tick(uint32_t ms) {
     }
 }
 
-}  // namespace plcsim
+}  // namespace peer

@@ -1,9 +1,8 @@
-#include "plcsim/remote_link.h"
+#include "peer/remote_link.h"
 
-#include "plcsim/df1_link.h"
-#include "plcsim/protocol.h"
+#include "peer/df1.h"
 
-namespace plcsim {
+namespace peer {
 
 namespace {
 
@@ -54,11 +53,6 @@ uint8_t WriteBits(const RemoteRequest& request, char letter, TagMemory& memory) 
 
 }  // namespace
 
-uint8_t RemoteChecksum(const uint8_t* bytes, std::size_t n) {
-    unsigned sum = 0;
-    for (std::size_t i = 0; i < n; ++i) sum += bytes[i];
-    return static_cast<uint8_t>(sum & 0xFF);
-}
 
 std::optional<RemoteRequest> DecodeRemoteFrame(const uint8_t* p, std::size_t n) {
     if (n < static_cast<std::size_t>(remote::kRequestFixedSize)) return std::nullopt;
@@ -166,4 +160,4 @@ std::vector<uint8_t> AnswerRemoteRequest(const RemoteRequest& request, TagMemory
     return body;
 }
 
-}  // namespace plcsim
+}  // namespace peer

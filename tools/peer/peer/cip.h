@@ -1,10 +1,10 @@
 // The CIP side of the controller: decoding the Message Router requests that
 // arrive in DF1 messages, carrying them out on the tag memory and encoding
 // the replies, errors included, as a Logix controller answers them.
-#ifndef PLCSIM_CIP_H
-#define PLCSIM_CIP_H
+#ifndef PEER_CIP_H
+#define PEER_CIP_H
 
-#include "plcsim/tag_memory.h"
+#include "peer/tag_memory.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-namespace plcsim {
+namespace peer {
 
 // General status and, for kGeneralError, the extended status word. An
 // extended word makes the reply one 16-bit word longer.
@@ -98,6 +98,6 @@ void EncodeTagReply(const TagReply& reply, std::vector<uint8_t>* out);
 std::vector<uint8_t> AnswerCipMessage(const uint8_t* bytes, std::size_t n, TagMemory& memory,
                                       std::size_t replyBudget);
 
-}  // namespace plcsim
+}  // namespace peer
 
 #endif

@@ -1,0 +1,107 @@
+// The host's side of the plug-in, as an HMI runtime runs it: loading the
+// plug-in with dlopen and resolving its 13 entry points once, and one turn
+// of the exchange loop (ComCommunication, send the frame, collect the reply,
+// DataCom). hostsim, the end-to-end rig and the host-loop tests all turn the
+// loop through here.
+//
+// Only the plug-in's public header is used: its records and entry-point
+// signatures. The driver itself is reached through the entry points.
+#ifndef PEER_HOST_LOOP_H
+#define PEER_HOST_LOOP_H
+
+#include "ab_controllogix_compactlogix.h"
+
+#include "peer/line.h"
+
+#include <QtCore/QByteArray>
+
+#include <functional>
+#include <string>
+
+namespace peer {
+
+struct PluginApi {
+    decltype(&::FlashLocalRegister) FlashLocalRegister = nullptr;
+    decltype(&::SetComInfo) SetComInfo = nullptr;
+    decltype(&::RegistCallBackFuncIntf) RegistCallBackFuncIntf = nullptr;
+    decltype(&::QueryFinishFlag) QueryFinishFlag = nullptr;
+    decltype(&::ComCommunication) ComCommunication = nullptr;
+    decltype(&::DataCom) DataCom = nullptr;
+    decltype(&::PLCAddressChangeIntef) PLCAddressChangeIntef = nullptr;
+    decltype(&::AddListReadVar) AddListReadVar = nullptr;
+    decltype(&::ReCreatReadVarList) ReCreatReadVarList = nullptr;
+    decltype(&::AddListWriteVar) AddListWriteVar = nullptr;
+    decltype(&::AddListOnceReadVar) AddListOnceReadVar = nullptr;
+    decltype(&::GetRegisterData) GetRegisterData = nullptr;
+    decltype(&::SetRegisterData) SetRegisterData = nullptr;
+};
+
+class Plugin {
+public:
+    Plugin() = default;
+    ~Plugin();
+    Plugin(const Plugin&) = delete;
+    Plugin& operator=(const Plugin&) = delete;
+
+    // Loads the library and resolves every entry point. False with a reason
+    // (the loader's message, or the first entry point that is missing); the
+    // library is not kept loaded then.
+    bool load(const std::string& path, std::string* error);
+    // Unloads the library, which destroys the driver's state.
+    void unload();
+
+    const PluginApi& api() const { return api_; }
+    const std::string& path() const { return path_; }
+
+private:
+    void* handle_ = nullptr;
+    std::string path_;
+    PluginApi api_;
+};
+
+// One turn of the host's loop.
+struct Exchange {
+    bool sent = false;      // ComCommunication returned a request
+    bool learning = false;  // the request's reply length was not known yet
+    RW_VAR request;         // the variable the request serves, as queued
+    QByteArray frame;       // the request as sent
+    LineOutcome outcome = LineOutcome::kTimeout;
+    QByteArray received;  // every byte that came off the line
+    QByteArray handed;    // the bytes handed to DataCom
+    int result = -1;      // DataCom's record: result and identity
+    int varId = 0;
+    int varSubId = 0;
+    int station = 0;
+
+    bool isWrite() const { return request.aux2 == 1; }  // write records only confirm
+    // A complete reply or a refusal came.
+    bool answered() const {
+        return outcome == LineOutcome::kReply || outcome == LineOutcome::kRefused;
+    }
+};
+
+// What the host hands DataCom for what came off the line. The runtime's
+// rule: a complete reply (or a refusal) as it was received, nothing (length
+// 0) otherwise.
+QByteArray StandardHandOver(const Exchange& exchange);
+
+struct ExchangeHooks {
+    // Sees the request before it goes out (to arm a fault for exactly that
+    // exchange, or to zero replyDone in remote mode).
+    std::function<void(Exchange&)> beforeSend;
+    // Chooses the bytes handed to DataCom; StandardHandOver when empty.
+    std::function<QByteArray(const Exchange&)> handOver;
+};
+
+// One turn: ComCommunication; when it returns a request, send its frame on
+// the port, collect the reply within timeoutMs (wakeFd as for
+// HostPort::exchange), hand DataCom what handOver chooses and read its
+// record. A turn whose ComCommunication returns nothing has sent false and
+// calls nothing else; one whose port reports kStopped or kError calls no
+// DataCom (result stays -1): the host is stopping or its line has failed.
+Exchange RunExchange(const PluginApi& api, HostPort& port, int timeoutMs, int wakeFd = -1,
+                     const ExchangeHooks& hooks = ExchangeHooks());
+
+}  // namespace peer
+
+#endif

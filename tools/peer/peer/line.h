@@ -1,0 +1,138 @@
+// Both ends of a serial line: the controller's end (the master side of a
+// fresh pseudo-terminal, whose other side a requester opens, such as
+// /dev/pts/3, or a real serial device), the host's end (a terminal device
+// opened by path), one table of the rates termios offers, raw 8N1 set-up,
+// and the byte pacing that makes a pseudo-terminal behave like a line of a
+// given rate.
+#ifndef PEER_SERIAL_LINE_H
+#define PEER_SERIAL_LINE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace peer {
+
+class SerialLine {
+public:
+    // A new pseudo-terminal in raw mode. Its peer is peerPath(). The line
+    // keeps its own descriptor of the peer open, so the master never sees a
+    // hang-up while requesters come and go. If linkPath is not empty a
+    // symbolic link of that name is made to the peer (replacing an existing
+    // symbolic link, never another kind of file) and removed again on close.
+    static std::unique_ptr<SerialLine> OpenPty(const std::string& linkPath, std::string* error);
+
+    // A serial device, raw 8N1 at baud, no flow control.
+    static std::unique_ptr<SerialLine> OpenDevice(const std::string& path, int baud,
+                                                  std::string* error);
+
+    ~SerialLine();
+    SerialLine(const SerialLine&) = delete;
+    SerialLine& operator=(const SerialLine&) = delete;
+
+    // Non-blocking descriptor to read requests from and write replies to.
+    int fd() const { return fd_; }
+    // The path a requester opens: the pty's peer, or the device itself.
+    const std::string& peerPath() const { return peerPath_; }
+    const std::string& linkPath() const { return linkPath_; }
+    bool isPty() const { return peerFd_ >= 0; }
+
+private:
+    SerialLine() = default;
+    int fd_ = -1;
+    int peerFd_ = -1;
+    std::string peerPath_;
+    std::string linkPath_;
+};
+
+// True for every rate termios offers on this system (50 to 4,000,000 on
+// Linux).
+bool IsSupportedBaud(int baud);
+
+// Sets an open terminal to raw 8N1 at baud (a rate IsSupportedBaud accepts;
+// any other leaves the rate as it is), no flow control, no modem control,
+// reads returning after vmin bytes. False with the failing call and its
+// reason.
+bool ConfigureRaw(int fd, int baud, int vmin, std::string* error);
+
+// Opens a terminal device by path for the host's end of a line, non-blocking
+// (opening does not wait for a carrier; waiting is done with poll), and sets
+// it to raw 8N1 at baud. -1 on failure, with the reason in *error:
+// "cannot open port PATH: ...", "cannot use PATH as a serial port: not a
+// terminal device", "cannot set up port PATH: ...", or "unsupported baud
+// rate N".
+int OpenTerminal(const std::string& path, int baud, std::string* error);
+
+// Writes all n bytes to a descriptor, waiting while it is full; false on an
+// error other than an interrupted or would-block write.
+bool WriteAll(int fd, const uint8_t* bytes, std::size_t n);
+
+// The monotonic clock, in milliseconds and in nanoseconds.
+int64_t MonotonicMs();
+int64_t MonotonicNs();
+
+// Bytes of a message that may be on the line elapsedNs after its first byte
+// started, at baud (10 bits a byte: start, 8 data, stop): byte k starts at k
+// byte times. With baud 0 the whole message may go at once.
+std::size_t PacedBytesAllowed(int64_t elapsedNs, int baud, std::size_t total);
+
+// Nanoseconds from a message's start until byte `index` may start, at baud;
+// 0 with baud 0.
+int64_t PacedStartNs(std::size_t index, int baud);
+
+// What one exchange on the host's end of a line came to.
+enum class LineOutcome {
+    kReply,    // a complete reply arrived
+    kRefused,  // the controller answered DLE NAK
+    kTimeout,  // nothing complete within the timeout
+    kStopped,  // wakeFd became readable (the program is stopping)
+    kError,    // the line failed (HostPort::error() says how)
+};
+const char* LineOutcomeName(LineOutcome outcome);
+
+// The host's end of a line: a terminal device (a real port or the peer of a
+// pseudo-terminal) in raw 8N1 mode, and one request/reply exchange on it.
+class HostPort {
+public:
+    HostPort() = default;
+    ~HostPort();
+    HostPort(const HostPort&) = delete;
+    HostPort& operator=(const HostPort&) = delete;
+
+    // Opens path with OpenTerminal. False with its reason.
+    bool open(const std::string& path, int baud, std::string* error);
+    void close();
+    bool isOpen() const { return fd_ >= 0; }
+    int fd() const { return fd_; }
+    // A pseudo-terminal delivers at once; with a rate set here each request
+    // takes as long to send as it would on a line of that rate (10 bits a
+    // byte), so the exchange rate is the line's. 0: no pacing (a real port
+    // paces itself; its requests are drained before the reply timeout starts).
+    void setPaceBaud(int baud) { paceBaud_ = baud; }
+    const std::string& path() const { return path_; }
+
+    // Drops stale input (a reply that came too late for the previous
+    // request), writes the request and collects the reply until it is
+    // complete, the timeout passes or wakeFd (if not -1) becomes readable.
+    // *reply receives every byte taken, as received.
+    LineOutcome exchange(const uint8_t* request, std::size_t n, int timeoutMs, int wakeFd,
+                         std::vector<uint8_t>* reply);
+    // Collects a reply that is already on its way, without sending anything
+    // and without dropping input.
+    LineOutcome collect(int timeoutMs, int wakeFd, std::vector<uint8_t>* reply);
+    const std::string& error() const { return error_; }
+
+private:
+    LineOutcome send(const uint8_t* request, std::size_t n, int wakeFd);
+
+    int fd_ = -1;
+    int paceBaud_ = 0;
+    std::string path_;
+    std::string error_;
+};
+
+}  // namespace peer
+
+#endif
