@@ -5,23 +5,22 @@
 
 #include "plcsim_test_support.h"
 
+#include "peer/line.h"
+
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <poll.h>
 #include <string>
-#include <termios.h>
 #include <unistd.h>
 
 class LineClient {
 public:
+    // Raw at whatever rate the terminal has: a pseudo-terminal has no rate
+    // of its own to set.
     explicit LineClient(const std::string& path) {
         fd_ = open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-        if (fd_ < 0) return;
-        termios tio;
-        if (tcgetattr(fd_, &tio) == 0) {
-            cfmakeraw(&tio);
-            tcsetattr(fd_, TCSANOW, &tio);
-        }
+        if (fd_ >= 0) peer::ConfigureRaw(fd_, kKeepRate, 1, nullptr);
     }
     // Talks through an already open descriptor (not owned).
     static LineClient OnDescriptor(int fd) {
@@ -38,16 +37,7 @@ public:
     }
     bool ok() const { return fd_ >= 0; }
 
-    bool send(const Bytes& bytes) {
-        std::size_t done = 0;
-        while (done < bytes.size()) {
-            const ssize_t n = write(fd_, bytes.data() + done, bytes.size() - done);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) return false;
-            done += static_cast<std::size_t>(n);
-        }
-        return true;
-    }
+    bool send(const Bytes& bytes) { return peer::WriteAll(fd_, bytes.data(), bytes.size()); }
 
     // Reads until n bytes have come or nothing more comes for timeoutMs.
     Bytes receive(std::size_t n, int timeoutMs = 5000) {
@@ -72,6 +62,9 @@ public:
     }
 
 private:
+    // No rate IsSupportedBaud accepts, so ConfigureRaw leaves it alone.
+    static constexpr int kKeepRate = 0;
+
     LineClient() = default;
     int fd_ = -1;
     bool owned_ = true;

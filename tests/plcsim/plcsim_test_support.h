@@ -3,7 +3,13 @@
 #ifndef PLCSIM_TEST_SUPPORT_H
 #define PLCSIM_TEST_SUPPORT_H
 
+#include "peer/controller.h"
+#include "peer/df1.h"
+
+#include <gtest/gtest.h>
+
 #include <cstdint>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -50,40 +56,70 @@ inline Bytes Concat(Bytes a, const Bytes& b) {
     return a;
 }
 
-// A request frame as a requester sends it: DLE ACK DLE STX, the body with
-// every DLE doubled, DLE ETX, then the two's complement of the body's sum.
-// Written out here rather than borrowed from the library under test.
-inline Bytes RequestFrame(const Bytes& body) {
-    Bytes out = {0x10, 0x06, 0x10, 0x02};
-    unsigned sum = 0;
-    for (uint8_t b : body) {
-        out.push_back(b);
-        if (b == 0x10) out.push_back(b);
-        sum += b;
+// The one transmission a controller answers a frame with, as it goes on the
+// line; a test failure when there is not exactly one.
+inline Bytes OnlyReply(peer::Controller& controller, const Bytes& frame) {
+    const auto out = controller.receive(frame, 0);
+    if (out.size() != 1) {
+        ADD_FAILURE() << "expected one reply, got " << out.size();
+        return {};
     }
-    out.push_back(0x10);
-    out.push_back(0x03);
-    out.push_back(static_cast<uint8_t>((0x100 - (sum & 0xFF)) & 0xFF));
-    return out;
+    return out[0].bytes;
 }
 
-// DF1 header of a request (DST 0, SRC 0, CMD 0x0B, STS 0, TNS) and the two
-// zero bytes that precede the CIP request.
+// The body of the first complete message in a frame, as the controller's
+// receiver takes it; empty when there is none.
+inline Bytes FirstBody(const Bytes& frame) {
+    peer::Df1Receiver receiver;
+    for (uint8_t b : frame) {
+        if (auto event = receiver.push(b)) return event->body;
+    }
+    return {};
+}
+
+// n bytes of line noise rich in link symbols: each byte is DLE, STX or ETX
+// with a chance of 1 in `spread` each, any value otherwise.
+inline Bytes LinkNoise(std::mt19937& random, std::size_t n, unsigned spread) {
+    Bytes noise(n);
+    for (auto& b : noise) {
+        const unsigned pick = random() % spread;
+        b = pick == 0   ? peer::df1::kDle
+            : pick == 1 ? peer::df1::kStx
+            : pick == 2 ? peer::df1::kEtx
+                        : static_cast<uint8_t>(random());
+    }
+    return noise;
+}
+
+// DF1 header of a request (DST 0, SRC 0, the CIP command, STS 0, TNS) and
+// the two zero bytes that precede the CIP request.
 inline Bytes Header(uint8_t tns) {
-    return {0x00, 0x00, 0x0B, 0x00, tns, 0x00, 0x00, 0x00};
+    return {0x00, 0x00, peer::df1::kCmdCip, peer::df1::kStsSuccess, tns, 0x00, 0x00, 0x00};
 }
 
-// A Multiple Service Packet to the Message Router with one embedded request.
+// A Multiple Service Packet to the Message Router (a 2-word path) with one
+// embedded request at offset 4.
 inline Bytes Multiple(const Bytes& embedded) {
-    return Concat(Hex("0A 02 20 02 24 01 01 00 04 00"), embedded);
+    using namespace peer::cip;
+    const Bytes packet = {kMultipleServicePacket,
+                          0x02,
+                          kLogicalClass8,
+                          kClassMessageRouter,
+                          kLogicalInstance8,
+                          0x01,
+                          0x01,
+                          0x00,
+                          0x04,
+                          0x00};
+    return Concat(packet, embedded);
 }
 
-// An embedded request's service code and its 5-word path: symbol and
-// 16-bit member segment.
+// An embedded request's service code and its 5-word path: a 4-character
+// symbol and a 16-bit member segment.
 inline Bytes TagService(uint8_t service, const std::string& name, uint16_t element) {
-    Bytes out = {service, 0x05, 0x91, 0x04};
+    Bytes out = {service, 0x05, peer::cip::kAnsiExtendedSymbol, 0x04};
     for (char c : name) out.push_back(static_cast<uint8_t>(c));
-    out.push_back(0x29);
+    out.push_back(peer::cip::kMember16);
     out.push_back(0x00);
     out.push_back(static_cast<uint8_t>(element & 0xFF));
     out.push_back(static_cast<uint8_t>(element >> 8));

@@ -16,18 +16,10 @@ using namespace peer;
 
 namespace {
 
-Bytes BodyOfFrame(const Bytes& frame) {
-    Df1Receiver receiver;
-    for (uint8_t b : frame) {
-        if (auto event = receiver.push(b)) return event->body;
-    }
-    return {};
-}
-
 // The CIP request of a frame: the body after the 6-byte header and the two
 // bytes before the Multiple Service Packet.
 CipMessage DecodeFrame(const Bytes& frame) {
-    const Bytes body = BodyOfFrame(frame);
+    const Bytes body = FirstBody(frame);
     if (body.size() < 8) return {};
     return DecodeCipMessage(body.data() + 8, body.size() - 8);
 }
@@ -36,30 +28,25 @@ CipMessage DecodeFrame(const Bytes& frame) {
 Bytes ReplyBody(const Bytes& reply) {
     EXPECT_GE(reply.size(), 9u);
     EXPECT_EQ(ToHex(Bytes(reply.begin(), reply.begin() + 4)), "10 06 10 02");
-    EXPECT_EQ(reply[reply.size() - 3], 0x10);
-    EXPECT_EQ(reply[reply.size() - 2], 0x03);
-    Bytes body;
-    for (std::size_t i = 4; i + 3 < reply.size(); ++i) {
-        body.push_back(reply[i]);
-        if (reply[i] == 0x10) ++i;
-    }
+    EXPECT_EQ(reply[reply.size() - 3], df1::kDle);
+    EXPECT_EQ(reply[reply.size() - 2], df1::kEtx);
+    const Bytes body = MessageBody(reply).value_or(Bytes{});
     EXPECT_EQ(BlockCheck(body), reply.back());
     return body;
+}
+
+// One embedded request, given as hex text.
+TagRequest DecodeHex(const std::string& hex) {
+    const Bytes bytes = Hex(hex);
+    return DecodeTagRequest(bytes.data(), bytes.size());
 }
 
 class ControllerTest : public ::testing::Test {
 protected:
     // Answers one framed request; the reply as it goes on the line.
-    Bytes Ask(const Bytes& frame) {
-        const auto out = controller.receive(frame, 0);
-        if (out.size() != 1) {
-            ADD_FAILURE() << "expected one reply, got " << out.size();
-            return {};
-        }
-        return out[0].bytes;
-    }
+    Bytes Ask(const Bytes& frame) { return OnlyReply(controller, frame); }
     Bytes AskCip(uint8_t tns, const Bytes& cip) {
-        return Ask(RequestFrame(Concat(Header(tns), cip)));
+        return Ask(peer::FrameRequest(Concat(Header(tns), cip)));
     }
 
     TagMemory memory;
@@ -67,7 +54,7 @@ protected:
 };
 
 Bytes ReadRequest(const std::string& tag, uint16_t element, uint16_t count) {
-    Bytes r = TagService(0x52, tag, element);
+    Bytes r = TagService(cip::kReadTagFragmented, tag, element);
     r.push_back(static_cast<uint8_t>(count & 0xFF));
     r.push_back(static_cast<uint8_t>(count >> 8));
     return Concat(Multiple(r), Hex("00 00 00 00 00 00"));
@@ -75,7 +62,7 @@ Bytes ReadRequest(const std::string& tag, uint16_t element, uint16_t count) {
 
 Bytes WriteRequest(const std::string& tag, uint16_t element, uint16_t type, uint16_t count,
                    const Bytes& values) {
-    Bytes r = TagService(0x53, tag, element);
+    Bytes r = TagService(cip::kWriteTagFragmented, tag, element);
     r.push_back(static_cast<uint8_t>(type & 0xFF));
     r.push_back(static_cast<uint8_t>(type >> 8));
     r.push_back(static_cast<uint8_t>(count & 0xFF));
@@ -94,7 +81,7 @@ TEST_P(DriverRequestDecode, ReadsServiceTagElementCountAndValues) {
     const CipMessage message = DecodeFrame(Hex(row.hex));
     EXPECT_TRUE(message.status.ok());
     EXPECT_TRUE(message.multiple);
-    EXPECT_EQ(message.service, 0x0A);
+    EXPECT_EQ(message.service, cip::kMultipleServicePacket);
     ASSERT_EQ(message.requests.size(), 1u);
     const TagRequest& r = message.requests[0];
     EXPECT_TRUE(r.status.ok()) << int(r.status.general);
@@ -108,13 +95,13 @@ TEST_P(DriverRequestDecode, ReadsServiceTagElementCountAndValues) {
     EXPECT_EQ(r.byteOffset, 0u);
     EXPECT_EQ(r.dataType, row.dataType);
     EXPECT_EQ(ToHex(r.values), row.values);
-    if (row.service == 0x4E) {
+    if (row.service == cip::kReadModifyWriteTag) {
         EXPECT_EQ(r.maskSize, 2);
         EXPECT_EQ(r.orMask, row.orMask);
         EXPECT_EQ(r.andMask, row.andMask);
     }
     // Reads and bit writes carry two zero bytes after their own fields.
-    EXPECT_EQ(r.extraBytes, row.service == 0x53 ? 0u : 2u);
+    EXPECT_EQ(r.extraBytes, row.service == cip::kWriteTagFragmented ? 0u : 2u);
 }
 
 INSTANTIATE_TEST_SUITE_P(DriverFrames, DriverRequestDecode, ::testing::ValuesIn(kDriverFrames),
@@ -153,32 +140,28 @@ TEST(TagName, RejectsOtherNames) {
 TEST(Decode, CountOf256ReachesTheElementHighByte) {
     // The driver writes a count's high byte where the member segment's high
     // byte is; a controller reads element 256 and a count of 0.
-    Bytes r = Hex("52 05 91 04 4E 30 30 37 29 00 00 01 00 00 00 00 00 00 00 00");
-    const TagRequest request = DecodeTagRequest(r.data(), r.size());
+    const TagRequest request =
+        DecodeHex("52 05 91 04 4E 30 30 37 29 00 00 01 00 00 00 00 00 00 00 00");
     EXPECT_TRUE(request.status.ok());
     EXPECT_EQ(request.path.element, 256u);
     EXPECT_EQ(request.count, 0);
 }
 
 TEST(Decode, EightAndThirtyTwoBitMembersAndNoMember) {
-    Bytes r8 = Hex("52 04 91 04 4E 30 30 37 28 05 02 00 00 00 00 00");
-    auto a = DecodeTagRequest(r8.data(), r8.size());
+    const TagRequest a = DecodeHex("52 04 91 04 4E 30 30 37 28 05 02 00 00 00 00 00");
     EXPECT_TRUE(a.status.ok());
     EXPECT_EQ(a.path.element, 5u);
-    Bytes r32 = Hex("52 06 91 04 4E 30 30 37 2A 00 07 00 00 00 02 00 00 00 00 00");
-    auto b = DecodeTagRequest(r32.data(), r32.size());
+    const TagRequest b = DecodeHex("52 06 91 04 4E 30 30 37 2A 00 07 00 00 00 02 00 00 00 00 00");
     EXPECT_TRUE(b.status.ok());
     EXPECT_EQ(b.path.element, 7u);
-    Bytes none = Hex("52 03 91 04 4E 30 30 37 02 00 00 00 00 00");
-    auto c = DecodeTagRequest(none.data(), none.size());
+    const TagRequest c = DecodeHex("52 03 91 04 4E 30 30 37 02 00 00 00 00 00");
     EXPECT_TRUE(c.status.ok());
     EXPECT_EQ(c.path.element, 0u);
     EXPECT_EQ(c.count, 2);
 }
 
 TEST(Decode, OddSymbolLengthIsPadded) {
-    Bytes r = Hex("52 05 91 03 4E 30 37 00 29 00 01 00 01 00 00 00 00 00");
-    auto request = DecodeTagRequest(r.data(), r.size());
+    const TagRequest request = DecodeHex("52 05 91 03 4E 30 37 00 29 00 01 00 01 00 00 00 00 00");
     EXPECT_TRUE(request.status.ok());
     EXPECT_EQ(request.path.symbol, "N07");
     EXPECT_FALSE(request.path.named);
@@ -191,23 +174,25 @@ TEST(Decode, MalformedRequestsGetAStatusNeverAnOverrun) {
         uint8_t status;
     };
     const Row rows[] = {
-        {"", 0x13},
-        {"52", 0x13},
-        {"52 05 91 04 4E 30", 0x26},  // path longer than the request
-        {"52 05 92 04 4E 30 30 37 29 00 00 00 01 00 00 00 00 00", 0x04},  // not a symbol
-        {"52 02 91 09 4E 30", 0x04},                             // name longer than the path
-        {"52 05 91 04 4E 30 30 37 29 00 00 00", 0x13},           // no count
-        {"52 05 91 04 4E 30 30 37 29 00 00 00 01 00 00", 0x13},  // short offset
-        {"52 05 91 04 4E 30 30 37 2B 00 00 00 01 00 00 00 00 00", 0x04},  // unknown segment
-        {"52 04 91 04 4E 30 30 37 29 00 01 00 00 00 00 00", 0x04},        // member cut short
-        {"53 05 91 04 4E 30 30 37 29 00 00 00 C3 00 01 00 00 00", 0x13},
-        {"4E 05 91 04 4E 30 30 37 29 00 00 00 02 00 FF", 0x13},
-        {"4E 05 91 04 4E 30 30 37 29 00 00 00 FF FF 00 00", 0x13},
-        {"4B 05 91 04 4E 30 30 37 29 00 00 00 01 00", 0x08},
+        {"", cip::kNotEnoughData},
+        {"52", cip::kNotEnoughData},
+        {"52 05 91 04 4E 30", cip::kPathSizeInvalid},  // path longer than the request
+        {"52 05 92 04 4E 30 30 37 29 00 00 00 01 00 00 00 00 00",
+         cip::kPathSegmentError},                                      // not a symbol
+        {"52 02 91 09 4E 30", cip::kPathSegmentError},                 // name longer than the path
+        {"52 05 91 04 4E 30 30 37 29 00 00 00", cip::kNotEnoughData},  // no count
+        {"52 05 91 04 4E 30 30 37 29 00 00 00 01 00 00", cip::kNotEnoughData},  // short offset
+        {"52 05 91 04 4E 30 30 37 2B 00 00 00 01 00 00 00 00 00",
+         cip::kPathSegmentError},  // unknown segment
+        {"52 04 91 04 4E 30 30 37 29 00 01 00 00 00 00 00",
+         cip::kPathSegmentError},  // member cut short
+        {"53 05 91 04 4E 30 30 37 29 00 00 00 C3 00 01 00 00 00", cip::kNotEnoughData},
+        {"4E 05 91 04 4E 30 30 37 29 00 00 00 02 00 FF", cip::kNotEnoughData},
+        {"4E 05 91 04 4E 30 30 37 29 00 00 00 FF FF 00 00", cip::kNotEnoughData},
+        {"4B 05 91 04 4E 30 30 37 29 00 00 00 01 00", cip::kServiceNotSupported},
     };
     for (const auto& row : rows) {
-        const Bytes bytes = Hex(row.hex);
-        const TagRequest request = DecodeTagRequest(bytes.data(), bytes.size());
+        const TagRequest request = DecodeHex(row.hex);
         EXPECT_EQ(request.status.general, row.status) << row.hex;
     }
 }
@@ -285,14 +270,14 @@ TEST_F(ControllerTest, WriteReplyIs27Bytes) {
     for (int i : {6, 7, 8, 9, 10}) {
         const Bytes reply = Ask(Hex(kDriverFrames[i].hex));
         ASSERT_EQ(reply.size(), 27u) << kDriverFrames[i].name;
-        EXPECT_EQ(reply[20], 0xD3);
+        EXPECT_EQ(reply[20], cip::kWriteTagFragmented | cip::kReplyFlag);
         EXPECT_EQ(reply[22], 0x00);
         ReplyBody(reply);
     }
     for (int i : {3, 4, 5}) {
         const Bytes reply = Ask(Hex(kDriverFrames[i].hex));
         ASSERT_EQ(reply.size(), 27u) << kDriverFrames[i].name;
-        EXPECT_EQ(reply[20], 0xCE);
+        EXPECT_EQ(reply[20], cip::kReadModifyWriteTag | cip::kReplyFlag);
     }
     const Bytes reply = Ask(Hex(kDriverFrames[7].hex));
     EXPECT_EQ(ToHex(reply),
@@ -333,7 +318,7 @@ TEST_F(ControllerTest, TransactionNumber0x10IsDoubledInTheReply) {
 
 TEST_F(ControllerTest, SwapsDstAndSrcAndEchoesTnsHighByte) {
     Bytes body = Concat(Hex("05 09 0B 00 33 44 00 00"), ReadRequest("N007", 0, 1));
-    const Bytes reply = ReplyBody(Ask(RequestFrame(body)));
+    const Bytes reply = ReplyBody(Ask(peer::FrameRequest(body)));
     EXPECT_EQ(ToHex(Bytes(reply.begin(), reply.begin() + 6)), "09 05 4B 00 33 44");
 }
 
@@ -345,13 +330,13 @@ TEST_F(ControllerTest, UnknownTagIsPathSegmentError) {
               "8A 00 1E 00 01 00 04 00 D2 00 04 00");
     EXPECT_EQ(reply.size(), 27u);
     const Bytes other = AskCip(0x21, ReadRequest("X007", 0, 1));
-    EXPECT_EQ(other[22], 0x04);
+    EXPECT_EQ(other[22], cip::kPathSegmentError);
 }
 
 TEST_F(ControllerTest, ElementOutsideTheTagIsDestinationUnknown) {
     const Bytes reply = AskCip(0x21, ReadRequest("N007", 256, 1));
     EXPECT_EQ(reply.size(), 27u);
-    EXPECT_EQ(reply[22], 0x05);
+    EXPECT_EQ(reply[22], cip::kPathDestinationUnknown);
     EXPECT_EQ(reply[23], 0x00);
 }
 
@@ -362,14 +347,16 @@ TEST_F(ControllerTest, RunningPastTheEndIsGeneralErrorWithExtendedStatus) {
               "8A 00 1E 00 01 00 04 00 D2 00 FF 01 05 21");
     EXPECT_EQ(memory.word('N', 7, 250), 0);
 
-    const Bytes write = AskCip(0x22, WriteRequest("N007", 255, 0x00C3, 2, Hex("01 00 02 00")));
+    const Bytes write =
+        AskCip(0x22, WriteRequest("N007", 255, cip::kTypeInt, 2, Hex("01 00 02 00")));
     ASSERT_EQ(write.size(), 29u);
     EXPECT_EQ(ToHex(Bytes(write.begin() + 20, write.end() - 3)), "D3 00 FF 01 05 21");
     EXPECT_EQ(memory.word('N', 7, 255), 0);
 }
 
 TEST_F(ControllerTest, WrongDataTypeOnWriteIsRefused) {
-    const Bytes reply = AskCip(0x21, WriteRequest("N007", 0, 0x00CA, 1, Hex("00 00 80 3F")));
+    const Bytes reply =
+        AskCip(0x21, WriteRequest("N007", 0, cip::kTypeReal, 1, Hex("00 00 80 3F")));
     ASSERT_EQ(reply.size(), 29u);
     EXPECT_EQ(ToHex(Bytes(reply.begin() + 20, reply.end() - 3)), "D3 00 FF 01 07 21");
     EXPECT_EQ(memory.word('N', 7, 0), 0);
@@ -378,7 +365,7 @@ TEST_F(ControllerTest, WrongDataTypeOnWriteIsRefused) {
 TEST_F(ControllerTest, DriverWriteOf256IntsNamesAnotherDataType) {
     // The count's high byte lands in the data type field: 0x01C3.
     Bytes values(512, 0x11);
-    Bytes r = TagService(0x53, "N007", 0);
+    Bytes r = TagService(cip::kWriteTagFragmented, "N007", 0);
     r = Concat(r, Hex("C3 01 00 00 00 00 00 00"));
     const Bytes reply = AskCip(0x21, Multiple(Concat(r, values)));
     EXPECT_EQ(ToHex(Bytes(reply.begin() + 20, reply.end() - 3)), "D3 00 FF 01 07 21");
@@ -386,26 +373,27 @@ TEST_F(ControllerTest, DriverWriteOf256IntsNamesAnotherDataType) {
 }
 
 TEST_F(ControllerTest, ReadModifyWriteOnARealTagIsRefused) {
-    Bytes r = Concat(TagService(0x4E, "F008", 0), Hex("02 00 01 00 FF FF 00 00"));
+    Bytes r =
+        Concat(TagService(cip::kReadModifyWriteTag, "F008", 0), Hex("02 00 01 00 FF FF 00 00"));
     const Bytes reply = AskCip(0x21, Multiple(r));
     EXPECT_EQ(ToHex(Bytes(reply.begin() + 20, reply.end() - 3)), "CE 00 FF 01 07 21");
 }
 
 TEST_F(ControllerTest, TooMuchAndTooLittleWriteData) {
-    const Bytes more = AskCip(0x21, WriteRequest("N007", 0, 0x00C3, 1, Hex("01 00 02 00")));
-    EXPECT_EQ(more[22], 0x15);
+    const Bytes more = AskCip(0x21, WriteRequest("N007", 0, cip::kTypeInt, 1, Hex("01 00 02 00")));
+    EXPECT_EQ(more[22], cip::kTooMuchData);
     EXPECT_EQ(memory.word('N', 7, 0), 0);
     // Fewer bytes than the count asks for: a fragment, written as it is.
-    const Bytes fragment = AskCip(0x22, WriteRequest("N007", 0, 0x00C3, 2, Hex("07 00")));
-    EXPECT_EQ(fragment[22], 0x00);
+    const Bytes fragment = AskCip(0x22, WriteRequest("N007", 0, cip::kTypeInt, 2, Hex("07 00")));
+    EXPECT_EQ(fragment[22], cip::kSuccess);
     EXPECT_EQ(memory.word('N', 7, 0), 7);
 }
 
 TEST_F(ControllerTest, NotEnoughDataAndUnsupportedService) {
-    Bytes shortRead = Concat(TagService(0x52, "N007", 0), Hex("01"));
+    Bytes shortRead = Concat(TagService(cip::kReadTagFragmented, "N007", 0), Hex("01"));
     const Bytes a = AskCip(0x21, Multiple(shortRead));
     EXPECT_EQ(ToHex(Bytes(a.begin() + 20, a.end() - 3)), "D2 00 13 00");
-    EXPECT_EQ(a[14], 0x1E);
+    EXPECT_EQ(a[14], cip::kEmbeddedServiceError);
 
     Bytes other = Concat(TagService(0x4B, "N007", 0), Hex("01 00"));
     const Bytes b = AskCip(0x22, Multiple(other));
@@ -428,15 +416,15 @@ TEST_F(ControllerTest, MessageLevelErrors) {
 }
 
 TEST_F(ControllerTest, OtherCommandsGetIllegalCommandStatus) {
-    const Bytes reply = ReplyBody(Ask(RequestFrame(Hex("01 02 0F 00 07 00 00 00 0A"))));
+    const Bytes reply = ReplyBody(Ask(peer::FrameRequest(Hex("01 02 0F 00 07 00 00 00 0A"))));
     EXPECT_EQ(ToHex(reply), "02 01 4F 10 07 00");
-    const Bytes empty = ReplyBody(Ask(RequestFrame(Hex("01 02 0B 00 07 00 00 00"))));
+    const Bytes empty = ReplyBody(Ask(peer::FrameRequest(Hex("01 02 0B 00 07 00 00 00"))));
     EXPECT_EQ(ToHex(empty), "02 01 4B 10 07 00");
 }
 
 TEST_F(ControllerTest, RepliesAndShortFramesAreNotAnswered) {
-    EXPECT_TRUE(controller.receive(RequestFrame(Hex("00 00 4B 00 21 00 00 00")), 0).empty());
-    EXPECT_TRUE(controller.receive(RequestFrame(Hex("00 00 0B 00 21")), 0).empty());
+    EXPECT_TRUE(controller.receive(peer::FrameRequest(Hex("00 00 4B 00 21 00 00 00")), 0).empty());
+    EXPECT_TRUE(controller.receive(peer::FrameRequest(Hex("00 00 0B 00 21")), 0).empty());
     EXPECT_EQ(controller.counters().ignored, 2u);
 }
 
@@ -444,32 +432,33 @@ TEST_F(ControllerTest, LongReadIsAPartialTransferOfWholeElements) {
     // 244 application bytes: 8 before the embedded reply, 4 + 2 in it, so
     // 228 data bytes (114 INT) fit.
     const Bytes fits = ReplyBody(AskCip(0x21, ReadRequest("N007", 0, 114)));
-    EXPECT_EQ(fits[18], 0x00);
+    EXPECT_EQ(fits[18], cip::kSuccess);
     EXPECT_EQ(fits.size(), 6u + 244u);
     const Bytes partial = ReplyBody(AskCip(0x22, ReadRequest("N007", 0, 115)));
-    EXPECT_EQ(partial[8], 0x8A);
-    EXPECT_EQ(partial[10], 0x1E);
-    EXPECT_EQ(partial[18], 0x06);
+    EXPECT_EQ(partial[8], cip::kMultipleServicePacket | cip::kReplyFlag);
+    EXPECT_EQ(partial[10], cip::kEmbeddedServiceError);
+    EXPECT_EQ(partial[18], cip::kPartialTransfer);
     EXPECT_EQ(partial.size(), 6u + 244u);
     const Bytes reals = ReplyBody(AskCip(0x23, ReadRequest("F008", 0, 60)));
-    EXPECT_EQ(reals[18], 0x06);
+    EXPECT_EQ(reals[18], cip::kPartialTransfer);
     EXPECT_EQ(reals.size() - 22u, 57u * 4u);
 }
 
 TEST_F(ControllerTest, FragmentedReadHonoursByteOffset) {
     memory.setWord('N', 7, 3, 0xBEEF);
-    Bytes r = Concat(TagService(0x52, "N007", 0), Hex("05 00 06 00 00 00"));
+    Bytes r = Concat(TagService(cip::kReadTagFragmented, "N007", 0), Hex("05 00 06 00 00 00"));
     const Bytes body = ReplyBody(AskCip(0x21, Multiple(r)));
     EXPECT_EQ(ToHex(Bytes(body.begin() + 20, body.end())), "C3 00 EF BE 00 00");
-    Bytes past = Concat(TagService(0x52, "N007", 0), Hex("01 00 02 00 00 00"));
+    Bytes past = Concat(TagService(cip::kReadTagFragmented, "N007", 0), Hex("01 00 02 00 00 00"));
     const Bytes err = ReplyBody(AskCip(0x22, Multiple(past)));
     EXPECT_EQ(ToHex(Bytes(err.begin() + 16, err.end())), "D2 00 FF 01 04 21");
 }
 
 TEST_F(ControllerTest, SeveralEmbeddedServicesInOnePacket) {
     memory.setWord('N', 7, 1, 0x0102);
-    Bytes read = Concat(TagService(0x52, "N007", 1), Hex("01 00 00 00 00 00"));
-    Bytes write = Concat(TagService(0x53, "B003", 2), Hex("C3 00 01 00 00 00 00 00 AA 55"));
+    Bytes read = Concat(TagService(cip::kReadTagFragmented, "N007", 1), Hex("01 00 00 00 00 00"));
+    Bytes write = Concat(TagService(cip::kWriteTagFragmented, "B003", 2),
+                         Hex("C3 00 01 00 00 00 00 00 AA 55"));
     Bytes cip = Hex("0A 02 20 02 24 01 02 00");
     cip.push_back(6);
     cip.push_back(0);
@@ -484,10 +473,10 @@ TEST_F(ControllerTest, SeveralEmbeddedServicesInOnePacket) {
 
 TEST_F(ControllerTest, UnwrappedServicesAreAnsweredToo) {
     memory.setWord('N', 7, 0, 0x4321);
-    Bytes cip = Concat(TagService(0x52, "N007", 0), Hex("01 00 00 00 00 00"));
+    Bytes cip = Concat(TagService(cip::kReadTagFragmented, "N007", 0), Hex("01 00 00 00 00 00"));
     const Bytes body = ReplyBody(AskCip(0x21, cip));
     EXPECT_EQ(ToHex(Bytes(body.begin() + 8, body.end())), "D2 00 00 00 C3 00 21 43");
-    Bytes plain = Concat(TagService(0x4D, "N007", 1), Hex("C3 00 01 00 44 00"));
+    Bytes plain = Concat(TagService(cip::kWriteTag, "N007", 1), Hex("C3 00 01 00 44 00"));
     const Bytes w = ReplyBody(AskCip(0x22, plain));
     EXPECT_EQ(ToHex(Bytes(w.begin() + 8, w.end())), "CD 00 00 00");
     EXPECT_EQ(memory.word('N', 7, 1), 0x44);
@@ -498,7 +487,7 @@ TEST(Cip, ArbitraryRequestBytesAreAnsweredSafely) {
     // decode and execute without reading outside the buffer.
     TagMemory memory;
     for (const auto& row : kDriverFrames) {
-        const Bytes body = BodyOfFrame(Hex(row.hex));
+        const Bytes body = FirstBody(Hex(row.hex));
         const Bytes cip(body.begin() + 8, body.end());
         for (std::size_t n = 0; n <= cip.size(); ++n) {
             const Bytes part(cip.begin(), cip.begin() + static_cast<std::ptrdiff_t>(n));

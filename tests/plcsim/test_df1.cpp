@@ -69,6 +69,11 @@ TEST_P(DriverFrameTest, Receiver_AnyChangedBlockCheckIsRejected) {
     EXPECT_EQ(events[0].kind, Df1Event::Kind::kBadBlockCheck);
 }
 
+TEST_P(DriverFrameTest, FrameRequest_RebuildsTheFrameFromItsBody) {
+    const Bytes frame = Hex(GetParam().hex);
+    EXPECT_EQ(ToHex(peer::FrameRequest(BodyOf(frame))), ToHex(frame));
+}
+
 INSTANTIATE_TEST_SUITE_P(DriverFrames, DriverFrameTest, ::testing::ValuesIn(kDriverFrames),
                          [](const ::testing::TestParamInfo<DriverFrame>& row) {
                              return std::string(row.param.name);
@@ -130,7 +135,7 @@ TEST(Df1Receiver, LoneDleIsKeptWithTheByteAfterIt) {
 TEST(Df1Receiver, DoubledDleRightBeforeTrailer) {
     const Bytes body = Hex("00 00 0B 00 21 00 10");
     Df1Receiver receiver;
-    const auto events = Feed(receiver, RequestFrame(body));
+    const auto events = Feed(receiver, peer::FrameRequest(body));
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(events[0].kind, Df1Event::Kind::kFrame);
     EXPECT_EQ(events[0].body, body);
@@ -141,7 +146,7 @@ TEST(Df1Receiver, BlockCheckOf0x10IsOneByte) {
     const Bytes body = Hex("00 00 0B 00 E5 00");
     ASSERT_EQ(BlockCheck(body), 0x10);
     Df1Receiver receiver;
-    const auto events = Feed(receiver, Concat(RequestFrame(body), Hex(kDriverFrames[0].hex)));
+    const auto events = Feed(receiver, Concat(peer::FrameRequest(body), Hex(kDriverFrames[0].hex)));
     ASSERT_EQ(events.size(), 2u);
     EXPECT_EQ(events[0].kind, Df1Event::Kind::kFrame);
     EXPECT_EQ(events[0].body, body);
@@ -173,7 +178,8 @@ TEST(Df1Receiver, ResetForgetsAPartialFrame) {
 TEST(Df1Receiver, OverlongFrameIsDroppedAndTheNextOneTaken) {
     Df1Receiver receiver(peer::Side::kRequests, 64);
     Bytes longBody(100, 0x55);
-    const auto events = Feed(receiver, Concat(RequestFrame(longBody), Hex(kDriverFrames[0].hex)));
+    const auto events =
+        Feed(receiver, Concat(peer::FrameRequest(longBody), Hex(kDriverFrames[0].hex)));
     ASSERT_EQ(events.size(), 2u);
     EXPECT_EQ(events[0].kind, Df1Event::Kind::kOverflow);
     EXPECT_EQ(events[1].kind, Df1Event::Kind::kFrame);
@@ -184,15 +190,9 @@ TEST(Df1Receiver, RandomBytesNeverHideAFollowingFrame) {
     const Bytes frame = Hex(kDriverFrames[6].hex);
     for (int round = 0; round < 2000; ++round) {
         Df1Receiver receiver(peer::Side::kRequests, 256);
-        Bytes noise(random() % 300);
-        for (auto& b : noise) {
-            // Plenty of DLEs, STXs and ETXs.
-            const unsigned pick = random() % 8;
-            b = pick == 0   ? 0x10
-                : pick == 1 ? 0x02
-                : pick == 2 ? 0x03
-                            : static_cast<uint8_t>(random());
-        }
+        // Plenty of DLEs, STXs and ETXs.
+        const std::size_t size = random() % 300;
+        const Bytes noise = LinkNoise(random, size, 8);
         auto events = Feed(receiver, noise);
         // Whatever state the noise left, DLE STX opens the frame afresh; a
         // pending DLE could swallow the first DLE, so lead in with a byte

@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+
 using namespace peer;
 
 namespace {
@@ -42,10 +44,13 @@ Bytes RemoteFrame(uint8_t station, uint16_t dataType, uint32_t address, uint16_t
                0};
     f.insert(f.end(), data.begin(), data.end());
     f[0] = static_cast<uint8_t>(f.size() + 1);
-    unsigned sum = 0;
-    for (uint8_t b : f) sum += b;
-    f.push_back(static_cast<uint8_t>(sum));
+    f.push_back(RemoteChecksum(f));
     return f;
+}
+
+std::optional<RemoteRequest> DecodeHex(const char* hex) {
+    const Bytes frame = Hex(hex);
+    return DecodeRemoteFrame(frame.data(), frame.size());
 }
 
 class RemoteTest : public ::testing::Test {
@@ -56,14 +61,7 @@ protected:
         o.mode = LinkMode::kRemote;
         return o;
     }
-    Bytes Ask(const Bytes& frame) {
-        const auto out = controller.receive(frame, 0);
-        if (out.size() != 1) {
-            ADD_FAILURE() << "expected one reply, got " << out.size();
-            return {};
-        }
-        return out[0].bytes;
-    }
+    Bytes Ask(const Bytes& frame) { return OnlyReply(controller, frame); }
 
     TagMemory memory;
     Controller controller;
@@ -72,8 +70,7 @@ protected:
 }  // namespace
 
 TEST(RemoteFrame, DecodesTheReadExample) {
-    const Bytes frame = Hex(kReadExample);
-    const auto r = DecodeRemoteFrame(frame.data(), frame.size());
+    const auto r = DecodeHex(kReadExample);
     ASSERT_TRUE(r.has_value());
     EXPECT_EQ(r->length, 22);
     EXPECT_EQ(r->varId, 0x01);
@@ -88,8 +85,7 @@ TEST(RemoteFrame, DecodesTheReadExample) {
 }
 
 TEST(RemoteFrame, DecodesTheWriteExample) {
-    const Bytes frame = Hex(kWriteExample);
-    const auto r = DecodeRemoteFrame(frame.data(), frame.size());
+    const auto r = DecodeHex(kWriteExample);
     ASSERT_TRUE(r.has_value());
     EXPECT_EQ(r->length, 24);
     EXPECT_EQ(r->count, 1);
@@ -151,8 +147,8 @@ TEST_F(RemoteTest, ReadReplyHasDataFromPosition10) {
     ASSERT_EQ(reply.size(), 33u);
     EXPECT_EQ(ToHex(Bytes(reply.begin(), reply.begin() + 14)),
               "10 06 10 02 02 00 41 00 01 00 21 00 21 01");
-    EXPECT_EQ(reply[reply.size() - 3], 0x10);
-    EXPECT_EQ(reply[reply.size() - 2], 0x03);
+    EXPECT_EQ(reply[reply.size() - 3], df1::kDle);
+    EXPECT_EQ(reply[reply.size() - 2], df1::kEtx);
     const Bytes body(reply.begin() + 4, reply.end() - 3);
     EXPECT_EQ(BlockCheck(body), reply.back());
 }
@@ -228,7 +224,7 @@ TEST_F(RemoteTest, BitWritesUseTheBitAddress) {
     EXPECT_EQ(memory.word('N', 7, 10), 0x0010);
     memory.setWord('B', 3, 255, 0);
     const Bytes reply = Ask(RemoteFrame(2, 0, (3 * 256 + 255) * 16 + 15, 2, Hex("01 01"), 1));
-    EXPECT_EQ(reply[10], 0x15);  // the second bit lies past B3's end
+    EXPECT_EQ(reply[10], remote::kWriteRefused);  // the second bit lies past B3's end
     EXPECT_EQ(memory.word('B', 3, 255), 0);
 }
 
@@ -241,24 +237,24 @@ TEST_F(RemoteTest, BitTypeReadsAreWordReads) {
 TEST_F(RemoteTest, ErrorsKeepTheReplyLengths) {
     const Bytes unknown = Ask(RemoteFrame(2, 3, 0x300, 1));  // N3 does not exist
     ASSERT_EQ(unknown.size(), 27u);
-    EXPECT_EQ(unknown[7], 0x05);
+    EXPECT_EQ(unknown[7], remote::kStsNoSuchAddress);
     const Bytes past = Ask(RemoteFrame(2, 3, 0x7FF, 2));
-    EXPECT_EQ(past[7], 0x05);
+    EXPECT_EQ(past[7], remote::kStsNoSuchAddress);
     const Bytes type = Ask(RemoteFrame(2, 9, 0x700, 1));
-    EXPECT_EQ(type[7], 0x08);
+    EXPECT_EQ(type[7], remote::kStsTypeNotSupported);
     const Bytes refused = Ask(RemoteFrame(2, 3, 0x7FF, 2, Hex("01 00 02 00"), 1));
     ASSERT_EQ(refused.size(), 14u);
-    EXPECT_EQ(refused[7], 0x05);
-    EXPECT_EQ(refused[10], 0x15);
+    EXPECT_EQ(refused[7], remote::kStsNoSuchAddress);
+    EXPECT_EQ(refused[10], remote::kWriteRefused);
     EXPECT_EQ(memory.word('N', 7, 255), 0);
     const Bytes odd = Ask(RemoteFrame(2, 3, 0x700, 1, Hex("01"), 1));
-    EXPECT_EQ(odd[7], 0x13);
+    EXPECT_EQ(odd[7], remote::kStsNotEnoughData);
 }
 
 TEST_F(RemoteTest, EmptyWriteMarkedInAux2IsAWriteOfNothing) {
     const Bytes reply = Ask(RemoteFrame(2, 3, 0x700, 0, {}, 1));
     ASSERT_EQ(reply.size(), 14u);
-    EXPECT_EQ(reply[10], 0x06);
+    EXPECT_EQ(reply[10], remote::kWriteDone);
 }
 
 TEST_F(RemoteTest, DirectModeFramesAreNotRemoteFrames) {

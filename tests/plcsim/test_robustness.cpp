@@ -39,14 +39,6 @@ namespace {
     return ::testing::AssertionSuccess();
 }
 
-Bytes Unframe(const Bytes& frame) {
-    Df1Receiver receiver;
-    for (uint8_t b : frame) {
-        if (auto event = receiver.push(b)) return event->body;
-    }
-    return {};
-}
-
 }  // namespace
 
 TEST(Robustness, RandomStreamsInDirectMode) {
@@ -54,14 +46,8 @@ TEST(Robustness, RandomStreamsInDirectMode) {
     TagMemory memory;
     Controller controller(memory);
     for (int round = 0; round < 3000; ++round) {
-        Bytes stream(random() % 200);
-        for (auto& b : stream) {
-            const unsigned pick = random() % 6;
-            b = pick == 0   ? 0x10
-                : pick == 1 ? 0x02
-                : pick == 2 ? 0x03
-                            : static_cast<uint8_t>(random());
-        }
+        const std::size_t size = random() % 200;
+        const Bytes stream = LinkNoise(random, size, 6);
         for (const auto& t : controller.receive(stream, round)) ASSERT_TRUE(WellFormed(t.bytes));
     }
 }
@@ -76,12 +62,12 @@ TEST(Robustness, MutatedDriverRequestsWithValidChecks) {
     for (int round = 0; round < 20000; ++round) {
         const auto& row =
             kDriverFrames[random() % (sizeof kDriverFrames / sizeof kDriverFrames[0])];
-        Bytes body = Unframe(Hex(row.hex));
+        Bytes body = FirstBody(Hex(row.hex));
         const int changes = 1 + static_cast<int>(random() % 2);
         for (int c = 0; c < changes; ++c)
             body[random() % body.size()] = static_cast<uint8_t>(random());
         if (random() % 4 == 0) body.resize(random() % body.size());
-        for (const auto& t : controller.receive(RequestFrame(body), round)) {
+        for (const auto& t : controller.receive(peer::FrameRequest(body), round)) {
             ASSERT_TRUE(WellFormed(t.bytes)) << ToHex(body);
             ++answered;
         }
@@ -105,9 +91,7 @@ TEST(Robustness, RandomStreamsInRemoteMode) {
             for (auto& b : frame)
                 b = static_cast<uint8_t>(random() % 4 == 0 ? random() % 5 : random());
             frame[0] = static_cast<uint8_t>(frame.size());
-            unsigned sum = 0;
-            for (std::size_t i = 0; i + 1 < frame.size(); ++i) sum += frame[i];
-            frame.back() = static_cast<uint8_t>(sum);
+            frame.back() = RemoteChecksum(frame.data(), frame.size() - 1);
             controller.resetReceiver();
             stream = frame;
         }
@@ -122,9 +106,9 @@ TEST(Robustness, CipDecoderOnRandomMessages) {
     for (int round = 0; round < 20000; ++round) {
         Bytes message(random() % 64);
         for (auto& b : message) b = static_cast<uint8_t>(random());
-        if (!message.empty() && random() % 2) message[0] = 0x0A;
+        if (!message.empty() && random() % 2) message[0] = cip::kMultipleServicePacket;
         const Bytes reply = AnswerCipMessage(message.data(), message.size(), memory, 242);
         ASSERT_GE(reply.size(), 4u);
-        ASSERT_EQ(reply[0] & 0x80, 0x80);
+        ASSERT_EQ(reply[0] & cip::kReplyFlag, cip::kReplyFlag);
     }
 }

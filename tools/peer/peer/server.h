@@ -16,6 +16,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace peer {
 
@@ -73,7 +74,29 @@ public:
     std::string error() const;
 
 private:
+    // What one run of the loop keeps between its turns.
+    struct Session;
+    enum class Wake { kWork, kInterrupted, kStop, kFailed };
+
     int loop();
+    void announceReady();
+    void tick(Session& session, int64_t nowNs);
+    // Writes what the pace allows of the queued replies; false after a line
+    // error.
+    bool sendDue(Session& session, int64_t nowNs);
+    // When the loop must next look at the line, the queue or the clock.
+    int64_t wakeTime(const Session& session, int64_t nowNs) const;
+    // Sleeps until the line or the stop request wants attention or the wake
+    // time has come; *lineEvents says what the line had.
+    Wake waitForWork(const Session& session, int64_t nowNs, short* lineEvents);
+    // Takes what the line has and queues the controller's replies; false
+    // after a line error.
+    bool takeInput(Session& session, short lineEvents, int64_t nowNs);
+    void queueReplies(Session& session, std::vector<Transmission> replies, int64_t nowNs);
+    // Forgets a partial frame once the line has been quiet for the gap time.
+    void resetAfterGap(const Session& session, int64_t nowNs);
+    // Records the failing call and errno's reason for error().
+    void fail(const std::string& what);
 
     Controller& controller_;
     TagMemory& memory_;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <deque>
 #include <poll.h>
@@ -13,23 +12,39 @@ namespace peer {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-int64_t NowNs() {
-    return MonotonicNs();
-}
-
 constexpr int64_t kNsPerMs = 1000000;
+constexpr int64_t kNsPerSecond = 1000000000;
 constexpr int64_t kForever = INT64_MAX;
 
-struct Pending {
-    std::vector<uint8_t> bytes;
-    int64_t notBeforeNs = 0;
-    int64_t startNs = -1;  // when its first byte went out
-    std::size_t sent = 0;
-};
+int64_t MsToNs(uint32_t ms) {
+    return static_cast<int64_t>(ms) * kNsPerMs;
+}
 
 }  // namespace
+
+struct Server::Session {
+    // A reply waiting for its time, or on its way out.
+    struct Pending {
+        std::vector<uint8_t> bytes;
+        int64_t notBeforeNs = 0;
+        int64_t startNs = -1;  // when its first byte went out
+        std::size_t sent = 0;
+    };
+
+    Session(int64_t startNs, uint32_t runForMs)
+        : endNs(runForMs ? startNs + MsToNs(runForMs) : kForever),
+          lastTickNs(startNs),
+          lastRxNs(startNs) {}
+
+    const int64_t endNs;
+    int64_t lastTickNs;
+    int64_t lastRxNs;
+    std::deque<Pending> queue;
+    // Set by each sending step: the line is full, or the head reply's next
+    // byte may not start before nextByteNs.
+    bool waitWritable = false;
+    int64_t nextByteNs = kForever;
+};
 
 Server::Server(Controller& controller, TagMemory& memory, SerialLine& line, ServerOptions options)
     : controller_(controller), memory_(memory), line_(line), options_(options) {
@@ -94,155 +109,171 @@ std::string Server::error() const {
     return error_;
 }
 
-int Server::loop() {
+void Server::announceReady() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         ready_ = true;
         error_.clear();
     }
     readyChanged_.notify_all();
+}
 
-    const int64_t startNs = NowNs();
-    const int64_t endNs =
-        options_.runForMs ? startNs + static_cast<int64_t>(options_.runForMs) * kNsPerMs : kForever;
-    int64_t lastTickNs = startNs;
-    int64_t lastRxNs = startNs;
-    std::deque<Pending> queue;
+int Server::loop() {
+    announceReady();
+    Session session(MonotonicNs(), options_.runForMs);
     int result = 0;
-    uint8_t buffer[4096];
-
-    auto fail = [&](const std::string& what) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        error_ = what + ": " + std::strerror(errno);
-        result = 1;
-    };
-
     for (;;) {
-        int64_t now = NowNs();
-        if (now >= endNs) break;
-
-        if (options_.tickIntervalMs &&
-            now - lastTickNs >= static_cast<int64_t>(options_.tickIntervalMs) * kNsPerMs) {
-            const int64_t ms = (now - lastTickNs) / kNsPerMs;
-            memory_.tick(static_cast<uint32_t>(ms));
-            lastTickNs += ms * kNsPerMs;
-        }
-
-        // Send what the pace allows of the reply at the head of the queue.
-        bool waitWritable = false;
-        int64_t nextByteNs = kForever;
-        while (!queue.empty() && queue.front().notBeforeNs <= now) {
-            Pending& head = queue.front();
-            if (head.startNs < 0) head.startNs = now;
-            const std::size_t allowed =
-                PacedBytesAllowed(now - head.startNs, options_.paceBaud, head.bytes.size());
-            if (allowed > head.sent) {
-                const ssize_t n =
-                    write(line_.fd(), head.bytes.data() + head.sent, allowed - head.sent);
-                if (n < 0 && errno != EAGAIN && errno != EINTR) {
-                    fail("write");
-                    break;
-                }
-                if (n < 0) {
-                    waitWritable = true;
-                    break;
-                }
-                head.sent += static_cast<std::size_t>(n);
-                std::lock_guard<std::mutex> lock(mutex_);
-                counters_.bytesSent += static_cast<uint64_t>(n);
-            }
-            if (head.sent >= head.bytes.size()) {
-                queue.pop_front();
-                // The next reply starts no sooner than this one ended.
-                if (!queue.empty())
-                    queue.front().notBeforeNs = std::max(queue.front().notBeforeNs, now);
-                continue;
-            }
-            if (allowed < head.bytes.size() && head.sent == allowed)
-                // Byte k may start k * 10 / baud seconds after the first;
-                // round up so the wake-up is never early.
-                nextByteNs = head.startNs + (static_cast<int64_t>(head.sent) * 10000000000LL +
-                                             options_.paceBaud - 1) /
-                                                options_.paceBaud;
-            else
-                waitWritable = true;
+        const int64_t now = MonotonicNs();
+        if (now >= session.endNs) break;
+        tick(session, now);
+        if (!sendDue(session, now)) {
+            result = 1;
             break;
         }
-        if (result) break;
-
-        // Sleep until the earliest thing to do.
-        int64_t wakeNs = endNs;
-        wakeNs = std::min(wakeNs, nextByteNs);
-        if (!queue.empty() && queue.front().notBeforeNs > now)
-            wakeNs = std::min(wakeNs, queue.front().notBeforeNs);
-        if (options_.tickIntervalMs)
-            wakeNs = std::min(
-                wakeNs, lastTickNs + static_cast<int64_t>(options_.tickIntervalMs) * kNsPerMs);
-        if (options_.gapResetMs && !controller_.receiverIdle())
-            wakeNs =
-                std::min(wakeNs, lastRxNs + static_cast<int64_t>(options_.gapResetMs) * kNsPerMs);
-
-        pollfd fds[2] = {{line_.fd(), static_cast<short>(POLLIN | (waitWritable ? POLLOUT : 0)), 0},
-                         {stopFd_, POLLIN, 0}};
-        timespec timeout{};
-        timespec* timeoutPtr = nullptr;
-        if (wakeNs != kForever) {
-            const int64_t wait = std::max<int64_t>(0, wakeNs - now);
-            timeout.tv_sec = static_cast<time_t>(wait / 1000000000LL);
-            timeout.tv_nsec = static_cast<long>(wait % 1000000000LL);
-            timeoutPtr = &timeout;
-        }
-        const int ready = ppoll(fds, 2, timeoutPtr, nullptr);
-        if (ready < 0) {
-            if (errno == EINTR) continue;
-            fail("ppoll");
+        short lineEvents = 0;
+        const Wake wake = waitForWork(session, now, &lineEvents);
+        if (wake == Wake::kInterrupted) continue;
+        if (wake == Wake::kStop) break;
+        const int64_t woke = MonotonicNs();
+        if (wake == Wake::kFailed || !takeInput(session, lineEvents, woke)) {
+            result = 1;
             break;
         }
-        if (fds[1].revents & POLLIN) {
-            uint64_t requests;
-            ssize_t ignored = read(stopFd_, &requests, sizeof requests);
-            (void)ignored;
-            break;
-        }
-        now = NowNs();
-
-        if (fds[0].revents & POLLIN) {
-            const ssize_t n = read(line_.fd(), buffer, sizeof buffer);
-            if (n < 0 && errno != EAGAIN && errno != EINTR) {
-                fail("read");
-                break;
-            }
-            if (n > 0) {
-                lastRxNs = now;
-                {
-                    std::lock_guard<std::mutex> lock(mutex_);
-                    counters_.bytesReceived += static_cast<uint64_t>(n);
-                }
-                auto replies =
-                    controller_.receive(buffer, static_cast<std::size_t>(n), now / kNsPerMs);
-                for (auto& reply : replies) {
-                    Pending pending;
-                    pending.notBeforeNs =
-                        now +
-                        static_cast<int64_t>(options_.turnaroundMs + reply.delayMs) * kNsPerMs;
-                    pending.bytes = std::move(reply.bytes);
-                    if (!pending.bytes.empty()) queue.push_back(std::move(pending));
-                }
-            }
-        } else if (fds[0].revents & (POLLERR | POLLHUP | POLLNVAL)) {
-            errno = EIO;
-            fail("line");
-            break;
-        }
-        if (options_.gapResetMs && !controller_.receiverIdle() &&
-            now - lastRxNs >= static_cast<int64_t>(options_.gapResetMs) * kNsPerMs) {
-            controller_.resetReceiver();
-            std::lock_guard<std::mutex> lock(mutex_);
-            ++counters_.gapResets;
-        }
+        resetAfterGap(session, woke);
     }
     running_.store(false);
     return result;
+}
+
+void Server::tick(Session& session, int64_t nowNs) {
+    if (!options_.tickIntervalMs || nowNs - session.lastTickNs < MsToNs(options_.tickIntervalMs))
+        return;
+    const int64_t ms = (nowNs - session.lastTickNs) / kNsPerMs;
+    memory_.tick(static_cast<uint32_t>(ms));
+    session.lastTickNs += ms * kNsPerMs;
+}
+
+bool Server::sendDue(Session& session, int64_t nowNs) {
+    session.waitWritable = false;
+    session.nextByteNs = kForever;
+    auto& queue = session.queue;
+    while (!queue.empty() && queue.front().notBeforeNs <= nowNs) {
+        Session::Pending& head = queue.front();
+        if (head.startNs < 0) head.startNs = nowNs;
+        const std::size_t allowed =
+            PacedBytesAllowed(nowNs - head.startNs, options_.paceBaud, head.bytes.size());
+        if (allowed > head.sent) {
+            const ssize_t n = write(line_.fd(), head.bytes.data() + head.sent, allowed - head.sent);
+            if (n < 0 && errno != EAGAIN && errno != EINTR) {
+                fail("write");
+                return false;
+            }
+            if (n < 0) {
+                session.waitWritable = true;
+                return true;
+            }
+            head.sent += static_cast<std::size_t>(n);
+            std::lock_guard<std::mutex> lock(mutex_);
+            counters_.bytesSent += static_cast<uint64_t>(n);
+        }
+        if (head.sent >= head.bytes.size()) {
+            queue.pop_front();
+            // The next reply starts no sooner than this one ended.
+            if (!queue.empty())
+                queue.front().notBeforeNs = std::max(queue.front().notBeforeNs, nowNs);
+            continue;
+        }
+        if (allowed < head.bytes.size() && head.sent == allowed)
+            session.nextByteNs = head.startNs + PacedStartNs(head.sent, options_.paceBaud);
+        else
+            session.waitWritable = true;
+        return true;
+    }
+    return true;
+}
+
+int64_t Server::wakeTime(const Session& session, int64_t nowNs) const {
+    int64_t wakeNs = std::min(session.endNs, session.nextByteNs);
+    if (!session.queue.empty() && session.queue.front().notBeforeNs > nowNs)
+        wakeNs = std::min(wakeNs, session.queue.front().notBeforeNs);
+    if (options_.tickIntervalMs)
+        wakeNs = std::min(wakeNs, session.lastTickNs + MsToNs(options_.tickIntervalMs));
+    if (options_.gapResetMs && !controller_.receiverIdle())
+        wakeNs = std::min(wakeNs, session.lastRxNs + MsToNs(options_.gapResetMs));
+    return wakeNs;
+}
+
+Server::Wake Server::waitForWork(const Session& session, int64_t nowNs, short* lineEvents) {
+    const short lineWants = static_cast<short>(POLLIN | (session.waitWritable ? POLLOUT : 0));
+    pollfd fds[2] = {{line_.fd(), lineWants, 0}, {stopFd_, POLLIN, 0}};
+    const int64_t wakeNs = wakeTime(session, nowNs);
+    timespec timeout{};
+    if (wakeNs != kForever) {
+        const int64_t wait = std::max<int64_t>(0, wakeNs - nowNs);
+        timeout.tv_sec = static_cast<time_t>(wait / kNsPerSecond);
+        timeout.tv_nsec = static_cast<long>(wait % kNsPerSecond);
+    }
+    if (ppoll(fds, 2, wakeNs != kForever ? &timeout : nullptr, nullptr) < 0) {
+        if (errno == EINTR) return Wake::kInterrupted;
+        fail("ppoll");
+        return Wake::kFailed;
+    }
+    if (fds[1].revents & POLLIN) {
+        uint64_t requests;
+        ssize_t ignored = read(stopFd_, &requests, sizeof requests);
+        (void)ignored;
+        return Wake::kStop;
+    }
+    *lineEvents = fds[0].revents;
+    return Wake::kWork;
+}
+
+bool Server::takeInput(Session& session, short lineEvents, int64_t nowNs) {
+    if (!(lineEvents & POLLIN)) {
+        if (!(lineEvents & (POLLERR | POLLHUP | POLLNVAL))) return true;
+        errno = EIO;
+        fail("line");
+        return false;
+    }
+    uint8_t buffer[4096];
+    const ssize_t n = read(line_.fd(), buffer, sizeof buffer);
+    if (n < 0 && errno != EAGAIN && errno != EINTR) {
+        fail("read");
+        return false;
+    }
+    if (n <= 0) return true;
+    session.lastRxNs = nowNs;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        counters_.bytesReceived += static_cast<uint64_t>(n);
+    }
+    queueReplies(session,
+                 controller_.receive(buffer, static_cast<std::size_t>(n), nowNs / kNsPerMs), nowNs);
+    return true;
+}
+
+void Server::queueReplies(Session& session, std::vector<Transmission> replies, int64_t nowNs) {
+    for (auto& reply : replies) {
+        if (reply.bytes.empty()) continue;
+        Session::Pending pending;
+        pending.notBeforeNs = nowNs + MsToNs(options_.turnaroundMs + reply.delayMs);
+        pending.bytes = std::move(reply.bytes);
+        session.queue.push_back(std::move(pending));
+    }
+}
+
+void Server::resetAfterGap(const Session& session, int64_t nowNs) {
+    if (!options_.gapResetMs || controller_.receiverIdle() ||
+        nowNs - session.lastRxNs < MsToNs(options_.gapResetMs))
+        return;
+    controller_.resetReceiver();
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++counters_.gapResets;
+}
+
+void Server::fail(const std::string& what) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    error_ = what + ": " + std::strerror(errno);
 }
 
 }  // namespace peer
