@@ -15,9 +15,12 @@ uint8_t ByteAt(const QByteArray& bytes, int position) {
 
 // DLE ACK DLE STX at the front, DLE ETX before the last byte (the block check).
 bool HasReplyEnvelope(const QByteArray& reply, int len) {
-    return ByteAt(reply, 0) == df1::DLE && ByteAt(reply, 1) == df1::ACK &&
-           ByteAt(reply, 2) == df1::DLE && ByteAt(reply, 3) == df1::STX &&
-           ByteAt(reply, len - 2) == df1::ETX && ByteAt(reply, len - 3) == df1::DLE;
+    return ByteAt(reply, frame_offset::kAckDle) == df1::kDle &&
+           ByteAt(reply, frame_offset::kAck) == df1::kAck &&
+           ByteAt(reply, frame_offset::kStxDle) == df1::kDle &&
+           ByteAt(reply, frame_offset::kStx) == df1::kStx &&
+           ByteAt(reply, len - frame_offset::kEtxFromEnd) == df1::kEtx &&
+           ByteAt(reply, len - frame_offset::kEtxDleFromEnd) == df1::kDle;
 }
 
 }  // namespace
@@ -30,7 +33,7 @@ QByteArray UnstuffReplyBody(const QByteArray& reply, int first, int last) {
     bool previousWasKeptDle = false;
     for (int i = first; i <= last; ++i) {
         const uint8_t b = ByteAt(reply, i);
-        if (b != df1::DLE) {
+        if (b != df1::kDle) {
             body.append(static_cast<char>(b));
             previousWasKeptDle = false;
         } else if (!previousWasKeptDle) {
@@ -52,16 +55,21 @@ int CheckGetData(const QByteArray& reply, int len) {
     if (len > reply.size()) return 0;
     if (!HasReplyEnvelope(reply, len)) return 0;
 
-    const QByteArray body = UnstuffReplyBody(reply, 4, len - 4);
+    // From DST up to the byte before DLE ETX.
+    const QByteArray body =
+        UnstuffReplyBody(reply, frame_offset::kDst, len - frame_offset::kEtxDleFromEnd - 1);
     const int bcc = CalLRC(reinterpret_cast<const unsigned char*>(body.constData()),
                            static_cast<unsigned short>(body.size()));
-    if ((bcc & 0xFF) != ByteAt(reply, len - 1)) return 0;
+    if ((bcc & 0xFF) != ByteAt(reply, len - frame_offset::kBccFromEnd)) return 0;
 
     if (PLC_driver.protocolList.isEmpty()) return 0;
     switch (PLC_driver.protocolList.first().var.aux2) {
-        case 0: return 1;
-        case 1: return 2;
-        default: return 0;
+        case 0:
+            return 1;
+        case 1:
+            return 2;
+        default:
+            return 0;
     }
 }
 
@@ -96,7 +104,8 @@ uint16_t CalCRC(const unsigned char* bytes, unsigned short len) {
     for (unsigned i = 0; i < len; ++i) {
         crc ^= bytes[i];
         for (int bit = 0; bit < 8; ++bit)
-            crc = (crc & 1) ? static_cast<uint16_t>((crc >> 1) ^ 0xA001) : static_cast<uint16_t>(crc >> 1);
+            crc = (crc & 1) ? static_cast<uint16_t>((crc >> 1) ^ 0xA001)
+                            : static_cast<uint16_t>(crc >> 1);
     }
     return crc;
 }
@@ -109,7 +118,9 @@ uint16_t CalXOR(const unsigned char* bytes, unsigned short len) {
     return x;
 }
 
-int DigitalToASCII(int value) { return value <= 9 ? value + 0x30 : value + 0x37; }
+int DigitalToASCII(int value) {
+    return value <= 9 ? value + 0x30 : value + 0x37;
+}
 
 // '0'..'9' and the six characters after them give 0..15, 'A'..'F' give 10..15;
 // lowercase letters are not folded.

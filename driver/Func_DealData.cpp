@@ -26,7 +26,7 @@ public:
         const int64_t at = k + skipped_;
         if (at < 0 || at >= reply_.size()) return false;
         *byte = static_cast<uint8_t>(reply_.at(static_cast<int>(at)));
-        if (*byte == df1::DLE) ++skipped_;
+        if (*byte == df1::kDle) ++skipped_;
         return true;
     }
 
@@ -39,7 +39,8 @@ private:
 // element the `keptBytes` bytes from `firstKept` on form the value, least
 // significant first.
 template <typename T>
-void SaveElements(const QByteArray& reply, T* area, int elementBytes, int firstKept, int keptBytes) {
+void SaveElements(const QByteArray& reply, T* area, int elementBytes, int firstKept,
+                  int keptBytes) {
     const AB_ControlLogix_CompactLogix& d = PLC_driver;
     if (!area || d.protocolList.isEmpty()) return;
     const Protocol& p = d.protocolList.first();
@@ -76,17 +77,28 @@ void SaveToLocalDataErea(const QByteArray& reply) {
     // host reads it.
     switch (d.protocolList.first().var.dataType) {
         case ABCL_BIT_A:
-        case ABCL_WORD_A: SaveWordToUS(reply, d.areaA); break;
+        case ABCL_WORD_A:
+            SaveWordToUS(reply, d.areaA);
+            break;
         case ABCL_BIT_B:
-        case ABCL_WORD_B: SaveWordToUS(reply, d.areaB); break;
-        case ABCL_REAL: SaveWordToUI(reply, d.areaD); break;
-        default: break;
+        case ABCL_WORD_B:
+            SaveWordToUS(reply, d.areaB);
+            break;
+        case ABCL_REAL:
+            SaveWordToUI(reply, d.areaD);
+            break;
+        default:
+            break;
     }
 }
 
-void SaveWordToUS(const QByteArray& reply, uint16_t* area) { SaveElements(reply, area, 2, 0, 2); }
+void SaveWordToUS(const QByteArray& reply, uint16_t* area) {
+    SaveElements(reply, area, 2, 0, 2);
+}
 
-void SaveWordToUI(const QByteArray& reply, uint32_t* area) { SaveElements(reply, area, 4, 0, 4); }
+void SaveWordToUI(const QByteArray& reply, uint32_t* area) {
+    SaveElements(reply, area, 4, 0, 4);
+}
 
 // Timer and counter structures: the preset is the second word of each element.
 void SaveT_C_PRE(const QByteArray& reply, uint16_t* area) {

@@ -6,13 +6,12 @@
 #include "ab_controllogix_compactlogix_p.h"
 #include "protocol_constants.h"
 
-
 #include <algorithm>
 #include <cstring>
 
 namespace {
 
-constexpr int64_t kAreaBits = static_cast<int64_t>(kAreaElements) * 16;
+constexpr int64_t kAreaBits = static_cast<int64_t>(kAreaElements) * kBitsPerWord;
 
 // The elements i in [first, last) of a run of n starting at `index` that lie
 // inside an area of `size` elements. Indexes come from host texts and records
@@ -35,11 +34,15 @@ void GrowTo(QByteArray* out, int64_t bytes) {
     std::memset(out->data() + old, 0, static_cast<size_t>(bytes - old));
 }
 
-uint8_t InByte(const QByteArray& in, int64_t i) { return static_cast<uint8_t>(in.at(static_cast<int>(i))); }
+uint8_t InByte(const QByteArray& in, int64_t i) {
+    return static_cast<uint8_t>(in.at(static_cast<int>(i)));
+}
 
 }  // namespace
 
-int QueryFinishFlag() { return 1; }
+int QueryFinishFlag() {
+    return 1;
+}
 
 int ExtendFindSameVar(int a, int b, int c) {
     QList<EXTENDVAR>& list = PLC_driver.extendList;
@@ -133,12 +136,23 @@ void WriteDataToLocal(RW_VAR* var) {
     DriverLock lock(&d.imageMutex);
     if (settings().multiStation != 0) return;  // several stations: no image is kept
     switch (var->dataType) {
-        case ABCL_BIT_A: SetBitToUS(var->address, d.areaA, var->data, var->count); break;
-        case ABCL_BIT_B: SetBitToUS(var->address, d.areaB, var->data, var->count); break;
-        case ABCL_WORD_A: SetWordToUS(var->address, d.areaA, var->data, var->count); break;
-        case ABCL_WORD_B: SetWordToUS(var->address, d.areaB, var->data, var->count); break;
-        case ABCL_REAL: SetWordToUI(var->address, d.areaD, var->data, var->count); break;
-        default: break;
+        case ABCL_BIT_A:
+            SetBitToUS(var->address, d.areaA, var->data, var->count);
+            break;
+        case ABCL_BIT_B:
+            SetBitToUS(var->address, d.areaB, var->data, var->count);
+            break;
+        case ABCL_WORD_A:
+            SetWordToUS(var->address, d.areaA, var->data, var->count);
+            break;
+        case ABCL_WORD_B:
+            SetWordToUS(var->address, d.areaB, var->data, var->count);
+            break;
+        case ABCL_REAL:
+            SetWordToUI(var->address, d.areaD, var->data, var->count);
+            break;
+        default:
+            break;
     }
 }
 
@@ -152,12 +166,23 @@ int GetRegisterData(int /*unused1*/, int dataType, QString addr, int /*unused2*/
     QByteArray values = *out;
     if (settings().multiStation == 0) {
         switch (dataType) {
-            case ABCL_BIT_A: GetBitFromUS(&values, d.areaA, a, count); break;
-            case ABCL_BIT_B: GetBitFromUS(&values, d.areaB, a, count); break;
-            case ABCL_WORD_A: GetWordFromUS(&values, d.areaA, a, count); break;
-            case ABCL_WORD_B: GetWordFromUS(&values, d.areaB, a, count); break;
-            case ABCL_REAL: GetWordFromUI(&values, d.areaD, a, count); break;
-            default: break;
+            case ABCL_BIT_A:
+                GetBitFromUS(&values, d.areaA, a, count);
+                break;
+            case ABCL_BIT_B:
+                GetBitFromUS(&values, d.areaB, a, count);
+                break;
+            case ABCL_WORD_A:
+                GetWordFromUS(&values, d.areaA, a, count);
+                break;
+            case ABCL_WORD_B:
+                GetWordFromUS(&values, d.areaB, a, count);
+                break;
+            case ABCL_REAL:
+                GetWordFromUI(&values, d.areaD, a, count);
+                break;
+            default:
+                break;
         }
     }
     *out = values;

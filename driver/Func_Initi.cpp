@@ -19,7 +19,7 @@ int64_t PieceValue(const QStringList& pieces, int index) {
 // Number of 16-bit words that hold `count` bits starting at bit `firstBit` of a word.
 int64_t WordsHoldingBits(int firstBit, int64_t count) {
     const int64_t bits = firstBit + count;
-    return bits / 16 + ((bits & 15) != 0 ? 1 : 0);
+    return bits / kBitsPerWord + ((bits & (kBitsPerWord - 1)) != 0 ? 1 : 0);
 }
 
 bool SameWrite(const RW_VAR& a, const RW_VAR& b) {
@@ -98,17 +98,19 @@ int StringAddressToInt(int dataType, QString text) {
         const int64_t element = PieceValue(elementAndBit, 0);
         // A "/" outside the element piece (7/1:3) leaves no bit piece: bit 0.
         const int64_t bit = PieceValue(elementAndBit, 1);
-        return Wrap32(bit + (element + file * 256) * 16);
+        return Wrap32(bit + (element + file * kElementsPerFile) * kBitsPerWord);
     }
     if (dataType >= ABCL_WORD_A && dataType <= ABCL_REAL) {
         if (!text.contains(QLatin1Char(':'))) return -1;
         const QStringList pieces = text.split(QLatin1Char(':'));
-        return Wrap32(PieceValue(pieces, 1) + PieceValue(pieces, 0) * 256);
+        return Wrap32(PieceValue(pieces, 1) + PieceValue(pieces, 0) * kElementsPerFile);
     }
     return text.toInt(nullptr, 10);
 }
 
-int PLCAddressChangeIntef(int dataType, QString text) { return StringAddressToInt(dataType, text); }
+int PLCAddressChangeIntef(int dataType, QString text) {
+    return StringAddressToInt(dataType, text);
+}
 
 // ---- cyclic read list -------------------------------------------------------------
 
@@ -249,7 +251,7 @@ int AddListOnceReadVar(RW_VAR* var, int mode) {
 
     DriverLock lock(&d.listMutex);
     for (int k = 0; k < split.pieces; ++k) {
-        const int64_t step = static_cast<int64_t>(k) * maxCount * (bits ? 16 : 1);
+        const int64_t step = static_cast<int64_t>(k) * maxCount * (bits ? kBitsPerWord : 1);
         var->address = Wrap32(start + step);
         var->count = (k == split.pieces - 1) ? split.lastCount : maxCount;
         if (d.onceReadList.isEmpty()) {

@@ -9,14 +9,14 @@ namespace {
 
 void QueueRead(RW_VAR* var, char letter, int elements, int dataBytes) {
     FrameWriter w;
-    WriteWordAddressedHead(w, cip::SERVICE_READ_TAG_FRAGMENTED, letter, var->address);
+    WriteWordAddressedHead(w, cip::kReadTagFragmented, letter, var->address);
     // The element count goes high byte first, at the place where a controller
     // reads the element number's high byte and then the count's low byte: for
     // every count below 256 that is element number and count as meant.
-    w.putStuffed(frame_offset::BUILDER_DATA, (elements >> 8) & 0xFF);
-    w.putStuffed(34, elements & 0xFF);
-    for (int offset = 35; offset < frame_offset::READ_TRAILER; ++offset) w.put(offset, 0x00);
-    QueueProtocol(w.finish(frame_offset::READ_TRAILER), kUnknownReplyLength, kReadReplyDataPos,
+    w.putStuffed(frame_offset::kReadCountHigh, (elements >> 8) & 0xFF);
+    w.putStuffed(frame_offset::kReadCountLow, elements & 0xFF);
+    w.putZeros(frame_offset::kReadZeros, frame_offset::kReadTrailer);
+    QueueProtocol(w.finish(frame_offset::kReadTrailer), kUnknownReplyLength, kReadReplyDataPos,
                   dataBytes, *var);
 }
 
@@ -28,16 +28,22 @@ void ReadRegister(RW_VAR* var) {
         case ABCL_BIT_A:
         case ABCL_BIT_B:
         case ABCL_WORD_A:
-        case ABCL_WORD_B: ReadAnalog(var); break;
-        case ABCL_REAL: ReadAnalog_F(var); break;
-        default: break;  // unsupported types build nothing
+        case ABCL_WORD_B:
+            ReadAnalog(var);
+            break;
+        case ABCL_REAL:
+            ReadAnalog_F(var);
+            break;
+        default:
+            break;  // unsupported types build nothing
     }
 }
 
 void ReadAnalog(RW_VAR* var) {
     if (!var) return;
     // Byte counts wrap as on the panel; the savers never trust them beyond the reply.
-    QueueRead(var, WordFileLetter(var->dataType), var->count, Wrap32(int64_t{var->count} * 2));
+    QueueRead(var, WordFileLetter(var->dataType), var->count,
+              Wrap32(int64_t{var->count} * cip::kIntBytes));
 }
 
 // A 32-bit record asks for one element less than its count (at least one);
@@ -46,5 +52,5 @@ void ReadAnalog_F(RW_VAR* var) {
     if (!var) return;
     const int64_t oneLess = static_cast<int64_t>(var->count) - 1;
     const int elements = oneLess < 1 ? 1 : static_cast<int>(oneLess);
-    QueueRead(var, kLetterFloatFile, elements, Wrap32(int64_t{elements} * 4));
+    QueueRead(var, kLetterFloatFile, elements, Wrap32(int64_t{elements} * cip::kRealBytes));
 }

@@ -10,23 +10,27 @@
 
 namespace {
 
-void PutBigEndian(QByteArray& frame, int offset, uint32_t value, int bytes) {
-    for (int i = 0; i < bytes; ++i)
-        frame[offset + i] = static_cast<char>((value >> (8 * (bytes - 1 - i))) & 0xFF);
+// Puts the low bits of `value` that fit a `Field`, most significant byte first.
+template <typename Field>
+void PutBigEndian(QByteArray& frame, int offset, int value) {
+    const auto field = static_cast<Field>(value);
+    for (size_t i = 0; i < sizeof(Field); ++i)
+        frame[offset + static_cast<int>(i)] =
+            static_cast<char>((field >> (8 * (sizeof(Field) - 1 - i))) & 0xFF);
 }
 
-// Offsets 0 to 20; the length byte at offset 0 is filled in last.
+// Every field but the length byte, which is filled in last.
 QByteArray DescriptorFields(const RW_VAR& var) {
     QByteArray frame(kRemoteHeaderLength, '\0');
-    PutBigEndian(frame, 1, static_cast<uint32_t>(var.varId), 1);
-    PutBigEndian(frame, 2, static_cast<uint32_t>(var.aux2), 1);
-    PutBigEndian(frame, 3, static_cast<uint32_t>(var.linkNo), 1);
-    PutBigEndian(frame, 4, static_cast<uint32_t>(var.station), 1);
-    PutBigEndian(frame, 5, static_cast<uint32_t>(var.dataType), 2);
-    PutBigEndian(frame, 7, static_cast<uint32_t>(var.address), 4);
-    PutBigEndian(frame, 11, static_cast<uint32_t>(var.count), 2);
-    PutBigEndian(frame, 13, static_cast<uint32_t>(var.aux12), 4);
-    PutBigEndian(frame, 17, static_cast<uint32_t>(var.aux13), 4);
+    PutBigEndian<uint8_t>(frame, remote_offset::kVarId, var.varId);
+    PutBigEndian<uint8_t>(frame, remote_offset::kAux2, var.aux2);
+    PutBigEndian<uint8_t>(frame, remote_offset::kLinkNo, var.linkNo);
+    PutBigEndian<uint8_t>(frame, remote_offset::kStation, var.station);
+    PutBigEndian<uint16_t>(frame, remote_offset::kDataType, var.dataType);
+    PutBigEndian<uint32_t>(frame, remote_offset::kAddress, var.address);
+    PutBigEndian<uint16_t>(frame, remote_offset::kCount, var.count);
+    PutBigEndian<uint32_t>(frame, remote_offset::kAux12, var.aux12);
+    PutBigEndian<uint32_t>(frame, remote_offset::kAux13, var.aux13);
     return frame;
 }
 
@@ -39,7 +43,8 @@ void AppendChecksum(QByteArray& frame) {
 // The partner's reply carries the station and the transaction number; each of
 // them that is DLE arrives doubled and moves the reply one byte on.
 int DoubledReplyBytes(const RW_VAR& var) {
-    return ((var.station & 0xFF) == df1::DLE ? 1 : 0) + ((PLC_driver.tns & 0xFF) == df1::DLE ? 1 : 0);
+    return ((var.station & 0xFF) == df1::kDle ? 1 : 0) +
+           ((PLC_driver.tns & 0xFF) == df1::kDle ? 1 : 0);
 }
 
 }  // namespace
@@ -47,16 +52,16 @@ int DoubledReplyBytes(const RW_VAR& var) {
 void Remote_ReadVar(RW_VAR* var) {
     if (!var) return;
     QByteArray frame = DescriptorFields(*var);
-    frame[0] = static_cast<char>(kRemoteReadFrameLength);
+    frame[remote_offset::kLength] = static_cast<char>(kRemoteReadFrameLength);
     AppendChecksum(frame);
 
     // A remote 32-bit read asks for `count` values as they stand. Types the
     // partner cannot serve expect no data.
     int dataBytes = 0;
     if (var->dataType >= ABCL_BIT_A && var->dataType <= ABCL_WORD_B)
-        dataBytes = Wrap32(int64_t{var->count} * 2);
+        dataBytes = Wrap32(int64_t{var->count} * cip::kIntBytes);
     else if (var->dataType == ABCL_REAL)
-        dataBytes = Wrap32(int64_t{var->count} * 4);
+        dataBytes = Wrap32(int64_t{var->count} * cip::kRealBytes);
     QueueProtocol(frame, kUnknownReplyLength, kRemoteReadDataPos + DoubledReplyBytes(*var),
                   dataBytes, *var);
 }
@@ -65,7 +70,8 @@ void Remote_WriteVar(RW_VAR* var) {
     if (!var) return;
     QByteArray frame = DescriptorFields(*var);
     frame.append(var->data);
-    frame[0] = static_cast<char>((frame.size() + 1) & 0xFF);  // low 8 bits only
+    // The length counts the checksum still to come; only its low 8 bits are sent.
+    frame[remote_offset::kLength] = static_cast<char>((frame.size() + 1) & 0xFF);
     AppendChecksum(frame);
     // The reply counters are left as they are: a host in remote mode sets
     // replyDone back to 0 before each exchange.

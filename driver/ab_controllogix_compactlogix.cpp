@@ -25,6 +25,9 @@ namespace {
 // Used until the host hands over its record; never written by the host.
 ComInfo g_defaultSettings{};
 
+constexpr int32_t kFirstTransactionNumber = 1;
+constexpr int32_t kLastTransactionNumber = 254;
+
 // Queues a request's transaction number may take before the first reply: any
 // value 0..254, drawn from the process's generator seeded with the time of day.
 int32_t InitialTransactionNumber() {
@@ -34,7 +37,7 @@ int32_t InitialTransactionNumber() {
     QT_WARNING_PUSH
     QT_WARNING_DISABLE_DEPRECATED
     qsrand(static_cast<uint>(now.msec() + 1000 * now.second()));
-    return qrand() % 255;
+    return qrand() % (kLastTransactionNumber + 1);
     QT_WARNING_POP
 }
 
@@ -55,8 +58,8 @@ enum QueueMode { kModeCyclic = 0, kModeWrite = 1, kModeOnce = 2, kModeNone = 100
 // Steps the transaction number: 1..254, never 0 and never DLE.
 int32_t NextTransactionNumber(int32_t tns) {
     int32_t next = tns + 1;
-    if (next > 254) next = 1;
-    if (next == df1::DLE) next = df1::DLE + 1;
+    if (next > kLastTransactionNumber) next = kFirstTransactionNumber;
+    if (next == df1::kDle) next = df1::kDle + 1;
     return next;
 }
 
@@ -116,7 +119,9 @@ AB_ControlLogix_CompactLogix::AB_ControlLogix_CompactLogix()
 
 AB_ControlLogix_CompactLogix::~AB_ControlLogix_CompactLogix() = default;
 
-ComInfo& settings() { return PLC_driver.comInfo ? *PLC_driver.comInfo : g_defaultSettings; }
+ComInfo& settings() {
+    return PLC_driver.comInfo ? *PLC_driver.comInfo : g_defaultSettings;
+}
 
 void ResetDriverForTest() {
     // Exactly the state after loading: the object is built afresh in place.
@@ -161,15 +166,24 @@ Protocol* ComCommunication() {
 
 int GetDriverReturnValue(int outcome) {
     switch (outcome) {
-        case kLocalGood: return 1;
-        case kLocalBadReply: return SwitchErrorReturn(10);
-        case kLocalNoReply: return SwitchErrorReturn(40);
-        case kLocalWrongLength: return SwitchErrorReturn(70);
-        case kRemoteGood: return 100;
-        case kRemoteBadReply: return SwitchErrorReturn(110);
-        case kRemoteNoReply: return SwitchErrorReturn(140);
-        case kRemoteWrongLength: return SwitchErrorReturn(170);
-        default: return 200;
+        case kLocalGood:
+            return 1;
+        case kLocalBadReply:
+            return SwitchErrorReturn(10);
+        case kLocalNoReply:
+            return SwitchErrorReturn(40);
+        case kLocalWrongLength:
+            return SwitchErrorReturn(70);
+        case kRemoteGood:
+            return 100;
+        case kRemoteBadReply:
+            return SwitchErrorReturn(110);
+        case kRemoteNoReply:
+            return SwitchErrorReturn(140);
+        case kRemoteWrongLength:
+            return SwitchErrorReturn(170);
+        default:
+            return 200;
     }
 }
 
@@ -264,6 +278,15 @@ void PurgeAfterFailure() {
     }
 }
 
+// The first reply to a request of unknown length only fixes the length; the
+// same request goes out again and its reply is checked in full. Returns the
+// result code: 1 when the length is fixed, 0 when the reply was not usable.
+int FixReplyLength(Protocol& p, const QByteArray& reply) {
+    if (NotFixReturnCheck(reply) != 1) return 0;
+    p.replyLen = reply.size();
+    return 1;
+}
+
 }  // namespace
 
 RW_VAR* DataCom(QByteArray reply, int len) {
@@ -274,14 +297,7 @@ RW_VAR* DataCom(QByteArray reply, int len) {
 
     Protocol& p = d.protocolList.first();
     if (p.replyLen == kUnknownReplyLength) {
-        // The first reply to a request of unknown length only fixes the length;
-        // the same request goes out again and its reply is checked in full.
-        if (NotFixReturnCheck(reply) != 1) {
-            d.current.result = 0;
-        } else {
-            p.replyLen = reply.size();
-            d.current.result = 1;
-        }
+        d.current.result = FixReplyLength(p, reply);
         return &d.current;
     }
 

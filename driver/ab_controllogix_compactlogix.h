@@ -38,21 +38,21 @@ enum AbclDataType : int32_t {
 // The host's descriptor of one variable to read or write. Copied by value into
 // the driver's lists; the driver never keeps a pointer to the host's instance.
 struct RW_VAR {
-    int32_t varId = 0;      // host identifier; 1 to 11 also select a failure sub-code
-    int32_t varSubId = 0;   // second identifier (one-shot read sameness)
-    int32_t aux2 = 0;       // reply kind: 0 carries data, 1 only confirms, other fails
-    int32_t aux3 = 0;       // host field, copied through
-    int32_t linkNo = 0;     // equal to ComInfo::localLinkNo: a local (direct) request
-    int32_t result = 0;     // result code of the last exchange (in DataCom's record)
-    QString addrText2;      // second host text, copied through
-    QString addrText;       // address text, such as "7:10" or "7:10/3"
-    int32_t dataType = 0;   // AbclDataType; other values build and store nothing
-    int32_t address = 0;    // start index in the variable's local area
-    int32_t station = 0;    // controller station
-    int32_t count = 0;      // number of elements
-    int32_t aux12 = 0;      // host field, copied through
-    int32_t aux13 = 0;      // host field, copied through
-    QByteArray data;        // value bytes of a write, least significant byte first
+    int32_t varId = 0;     // host identifier; 1 to 11 also select a failure sub-code
+    int32_t varSubId = 0;  // second identifier (one-shot read sameness)
+    int32_t aux2 = 0;      // reply kind: 0 carries data, 1 only confirms, other fails
+    int32_t aux3 = 0;      // host field, copied through
+    int32_t linkNo = 0;    // equal to ComInfo::localLinkNo: a local (direct) request
+    int32_t result = 0;    // result code of the last exchange (in DataCom's record)
+    QString addrText2;     // second host text, copied through
+    QString addrText;      // address text, such as "7:10" or "7:10/3"
+    int32_t dataType = 0;  // AbclDataType; other values build and store nothing
+    int32_t address = 0;   // start index in the variable's local area
+    int32_t station = 0;   // controller station
+    int32_t count = 0;     // number of elements
+    int32_t aux12 = 0;     // host field, copied through
+    int32_t aux13 = 0;     // host field, copied through
+    QByteArray data;       // value bytes of a write, least significant byte first
 };
 
 // One prepared request, queued by the driver; ComCommunication hands the host
@@ -103,11 +103,11 @@ struct ComInfo {
 // dataType, addrText, addrText2 and count; the other bytes are the host's.
 struct ReadVarItem {
     uint8_t hostByte0 = 0;
-    uint8_t dataType = 0;          // byte 1: AbclDataType; other values are ignored
+    uint8_t dataType = 0;  // byte 1: AbclDataType; other values are ignored
     uint8_t hostBytes2to7[6] = {};
-    QString addrText;              // byte 8
-    QString addrText2;             // byte 12 on the 32-bit panel
-    int32_t count = 0;             // byte 16 on the 32-bit panel
+    QString addrText;   // byte 8
+    QString addrText2;  // byte 12 on the 32-bit panel
+    int32_t count = 0;  // byte 16 on the 32-bit panel
 };
 
 // Called when a one-shot read ends: status 1 success, 2 failure. The driver

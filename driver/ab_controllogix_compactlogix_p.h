@@ -51,6 +51,11 @@ private:
 // Elements in each local area (word areas and the 32-bit area alike).
 constexpr int kAreaElements = 65536;
 
+// Packed addresses: word address = file x 256 + element, bit address = word
+// address x 16 + bit.
+constexpr int kElementsPerFile = 256;
+constexpr int kBitsPerWord = 16;
+
 class AB_ControlLogix_CompactLogix {
 public:
     AB_ControlLogix_CompactLogix();
@@ -58,28 +63,28 @@ public:
     AB_ControlLogix_CompactLogix(const AB_ControlLogix_CompactLogix&) = delete;
     AB_ControlLogix_CompactLogix& operator=(const AB_ControlLogix_CompactLogix&) = delete;
 
-    ComInfo* comInfo;                 // the host's settings; null until SetComInfo
-    QList<RW_VAR> readList;           // cyclic reads, rotated as they are served
-    QList<RW_VAR> writeList;          // pending writes
-    QList<RW_VAR> onceReadList;       // pending one-shot reads
-    QList<RW_VAR> spareList;          // kept for the record layout; never filled
-    QList<Protocol> protocolList;     // built and not yet answered; [0] is on the wire
-    QList<EXTENDVAR> extendList;      // find-or-add registry
+    ComInfo* comInfo;              // the host's settings; null until SetComInfo
+    QList<RW_VAR> readList;        // cyclic reads, rotated as they are served
+    QList<RW_VAR> writeList;       // pending writes
+    QList<RW_VAR> onceReadList;    // pending one-shot reads
+    QList<RW_VAR> spareList;       // kept for the record layout; never filled
+    QList<Protocol> protocolList;  // built and not yet answered; [0] is on the wire
+    QList<EXTENDVAR> extendList;   // find-or-add registry
     CallBackFunc callBack;
     int32_t callBackCtx;
-    QMutex listMutex;                 // the four variable lists and protocolList
-    QMutex imageMutex;                // the three local areas; taken after listMutex
-    RW_VAR current;                   // the record DataCom returns
-    int32_t mode;                     // queue of the request on the wire: 0 cyclic, 1 write, 2 one-shot
+    QMutex listMutex;   // the four variable lists and protocolList
+    QMutex imageMutex;  // the three local areas; taken after listMutex
+    RW_VAR current;     // the record DataCom returns
+    int32_t mode;       // queue of the request on the wire: 0 cyclic, 1 write, 2 one-shot
     int32_t writeBurst;
     int32_t onceBurst;
     int32_t cycleCount;
-    int32_t tns;                      // transaction number of the next request
-    uint8_t commError;                // 1 while the last exchange failed
+    int32_t tns;        // transaction number of the next request
+    uint8_t commError;  // 1 while the last exchange failed
     uint8_t commError2;
-    uint16_t areaA[kAreaElements];    // types 0 and 2
-    uint16_t areaB[kAreaElements];    // types 1 and 3
-    uint32_t areaD[kAreaElements];    // type 4
+    uint16_t areaA[kAreaElements];  // types 0 and 2
+    uint16_t areaB[kAreaElements];  // types 1 and 3
+    uint32_t areaD[kAreaElements];  // type 4
 };
 
 #if UINTPTR_MAX == 0xFFFFFFFFu
@@ -101,13 +106,19 @@ ComInfo& settings();
 
 // Packed addresses, counts and byte counts are 32-bit values on the panel;
 // arithmetic on them wraps there, and does so here too instead of overflowing.
-inline int32_t Wrap32(int64_t value) { return static_cast<int32_t>(static_cast<uint32_t>(value)); }
+inline int32_t Wrap32(int64_t value) {
+    return static_cast<int32_t>(static_cast<uint32_t>(value));
+}
 
-inline bool IsBitType(int dataType) { return dataType == ABCL_BIT_A || dataType == ABCL_BIT_B; }
+inline bool IsBitType(int dataType) {
+    return dataType == ABCL_BIT_A || dataType == ABCL_BIT_B;
+}
 
 // commError is written by the communication thread and read by the screens'
 // SetRegisterData; these accessors make that one unlocked flag race-free.
-inline bool commErrorSet() { return __atomic_load_n(&PLC_driver.commError, __ATOMIC_RELAXED) != 0; }
+inline bool commErrorSet() {
+    return __atomic_load_n(&PLC_driver.commError, __ATOMIC_RELAXED) != 0;
+}
 inline void setCommError(bool failed) {
     __atomic_store_n(&PLC_driver.commError, static_cast<uint8_t>(failed ? 1 : 0), __ATOMIC_RELAXED);
 }

@@ -16,6 +16,8 @@ public:
     void put(int offset, uint8_t byte);
     // Puts the low byte of `value`, doubled when the whole value equals DLE.
     void putStuffed(int offset, int value);
+    // Puts 0x00 at every layout offset from `first` up to, not including, `end`.
+    void putZeros(int first, int end);
     // Writes DLE ETX at layout offset `etxOffset` and the block check after it,
     // and cuts the frame there. Returns the finished frame.
     QByteArray finish(int etxOffset);
@@ -37,8 +39,8 @@ uint8_t RequestBlockCheck(const QByteArray& frameThroughEtx);
 // the Message Router, the embedded service and its tag path.
 // `nameHigh`/`nameLow` are the DigitalToASCII results of the two name characters;
 // `element` is the signed element number (its bits 8-15 form the pad byte).
-void WriteTagRequestHead(FrameWriter& w, uint8_t service, char letter, int nameHigh,
-                         int nameLow, int element);
+void WriteTagRequestHead(FrameWriter& w, uint8_t service, char letter, int nameHigh, int nameLow,
+                         int element);
 
 // Tag letter of a 16-bit file: 'B' for data types 0 and 2, 'N' for 1 and 3.
 char WordFileLetter(int dataType);
