@@ -6,6 +6,7 @@
 
 #include "ab_controllogix_compactlogix.h"
 #include "ab_controllogix_compactlogix_p.h"
+#include "fresh_driver.h"
 
 #include <benchmark/benchmark.h>
 
@@ -27,21 +28,12 @@ inline ComInfo& Settings() {
     return info;
 }
 
-// Transaction number of every benchmark's requests and replies.
-constexpr uint8_t kTns = 0x21;
+// Transaction number of every benchmark's requests and replies: fixed, so
+// every run builds the same frames.
+constexpr uint8_t kTns = kFirstTns;
 
-// The driver as right after loading, wired to freshly zeroed settings.
 inline void ResetDriver(int maxCount = 32) {
-    ResetDriverForTest();
-    ComInfo& info = Settings();
-    std::memset(&info, 0, sizeof info);
-    info.maxCount = maxCount;
-    info.defaultStation = 1;
-    info.retryLimit = 2;
-    info.localLinkNo = 0;
-    info.writeMode = 2;
-    SetComInfo(&info);
-    PLC_driver.tns = kTns;  // fixed, so every run builds the same frames
+    WireFreshDriver(Settings(), maxCount);
 }
 
 // Exchanges per second a serial line carries when each exchange puts

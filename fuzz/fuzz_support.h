@@ -1,6 +1,7 @@
 // Shared pieces of the fuzz targets: reading typed values off the front of an
-// input, checks that stop the run with a message, the driver's reset, and DF1
-// framing for replies that are to pass the envelope and block check.
+// input, checks that stop the run with a message and the driver's reset.
+// Replies that are to pass the envelope and block check are framed by the
+// peer library (reply_builder.h).
 //
 // The targets build with libFuzzer (clang, -fsanitize=fuzzer) and, for the
 // corpus replay in the test suite, with any compiler and replay_main.cpp.
@@ -9,6 +10,8 @@
 
 #include "ab_controllogix_compactlogix.h"
 #include "ab_controllogix_compactlogix_p.h"
+#include "fresh_driver.h"
+#include "reply_builder.h"
 
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
@@ -90,39 +93,16 @@ inline ComInfo& Settings() {
     return info;
 }
 
-// The driver as right after loading, wired to zeroed settings with a
-// single-station panel's defaults; the transaction number is fixed so that a
-// run does not depend on the time of day.
+// The driver as right after loading; the transaction number is fixed so that
+// a run does not depend on the time of day.
 inline ComInfo& ResetDriver(int maxCount = 32) {
-    ResetDriverForTest();
     ComInfo& info = Settings();
-    std::memset(&info, 0, sizeof info);
-    info.maxCount = maxCount;
-    info.defaultStation = 1;
-    info.retryLimit = 2;
-    info.localLinkNo = 0;
-    info.writeMode = 2;
-    SetComInfo(&info);
-    PLC_driver.tns = 0x21;
+    WireFreshDriver(info, maxCount);
     return info;
 }
 
-constexpr uint8_t kDle = 0x10;
-
-// DLE ACK DLE STX, the body with each 0x10 sent twice, DLE ETX and the block
-// check: two's complement of the low byte of the body's sum.
-inline QByteArray Framed(const QByteArray& body) {
-    QByteArray out("\x10\x06\x10\x02", 4);
-    unsigned sum = 0;
-    for (char c : body) {
-        out.append(c);
-        sum += static_cast<uint8_t>(c);
-        if (static_cast<uint8_t>(c) == kDle) out.append(c);
-    }
-    out.append('\x10').append('\x03');
-    out.append(static_cast<char>((0x100 - (sum & 0xFF)) & 0xFF));
-    return out;
-}
+using replies::Framed;
+using replies::kDle;
 
 }  // namespace fuzz
 

@@ -1,91 +1,111 @@
-// Test-side peer of the driver: frames DF1 replies the way a controller sends
-// them, and a small controller model that decodes the driver's request frames
-// and answers them from its own memory.
+// Test-side peer of the driver: replies framed the way a controller sends
+// them, with the peer library's reading of the protocol (peer/df1.h), so the
+// driver is checked against rules that share no code with it.
 //
-// Written from the frame rules alone, independently of the driver's code:
-//   - a reply opens with DLE ACK DLE STX (10 06 10 02) and closes with
-//     DLE ETX (10 03) and the block check character;
-//   - every body byte 0x10 is sent twice;
-//   - the block check is the two's complement of the low byte of the sum of
-//     the un-stuffed body, from the first header byte (position 4) to the byte
-//     before DLE ETX; it is sent as it is, never doubled.
-// A read reply carries its data from position 26 (nothing doubled before it);
-// a write reply carries no data and is 27 bytes long.
+// A reply opens with DLE ACK DLE STX and closes with DLE ETX and the block
+// check. A read reply carries its data from position 26 (nothing doubled
+// before it); a write reply carries no data and is 27 bytes long.
 #ifndef ABCL_TESTS_REPLY_BUILDER_H
 #define ABCL_TESTS_REPLY_BUILDER_H
 
 #include "ab_controllogix_compactlogix.h"
 
+#include "peer/cip.h"
+#include "peer/df1.h"
+
 #include <QtCore/QByteArray>
 
 #include <cstdint>
 #include <cstring>
-#include <map>
-#include <utility>
+#include <optional>
 #include <vector>
 
 namespace replies {
 
-constexpr uint8_t kDle = 0x10;
+constexpr uint8_t kDle = peer::df1::kDle;
 
-// Sum of the bytes, two's complement of its low byte.
-inline uint8_t BlockCheck(const QByteArray& body) {
-    unsigned sum = 0;
-    for (char c : body) sum += static_cast<uint8_t>(c);
-    return static_cast<uint8_t>((0x100 - (sum & 0xFF)) & 0xFF);
+inline std::vector<uint8_t> ToBytes(const QByteArray& bytes) {
+    return std::vector<uint8_t>(bytes.begin(), bytes.end());
 }
 
-// 10 06 10 02, the body with every 0x10 doubled, 10 03, block check.
+inline QByteArray ToQt(const std::vector<uint8_t>& bytes) {
+    return QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size()));
+}
+
+inline uint8_t BlockCheck(const QByteArray& body) {
+    return peer::BlockCheck(ToBytes(body));
+}
+
+// The body with every DLE doubled, as it goes on the line.
+inline QByteArray Stuffed(const QByteArray& body) {
+    std::vector<uint8_t> out;
+    for (char c : body) peer::AppendStuffed(&out, static_cast<uint8_t>(c));
+    return ToQt(out);
+}
+
+// DLE ACK DLE STX, the body with every DLE doubled, DLE ETX, block check.
 // Requests open with the same four bytes, so expected request frames are
-// written with it too (their TNS, the only byte sent undoubled, is never 0x10
+// written with it too (their TNS, the only byte sent undoubled, is never DLE
 // in those tests).
 inline QByteArray Framed(const QByteArray& body) {
+    return ToQt(peer::FrameMessage(ToBytes(body)));
+}
+
+// The block check a whole frame must carry: the one of its body as the peer
+// reads it (DLE pairs counted once). A frame the peer cannot read has no
+// body; its check is then the one of no bytes.
+inline uint8_t BlockCheckOfFrame(const QByteArray& frame) {
+    const auto body = peer::MessageBody(ToBytes(frame));
+    return peer::BlockCheck(body ? *body : std::vector<uint8_t>());
+}
+
+// The envelope around bytes taken as they are (already stuffed, or on
+// purpose not) and a block check chosen by the test.
+inline QByteArray Envelope(const QByteArray& lineBody, uint8_t blockCheck) {
+    using namespace peer::df1;
     QByteArray out;
-    out.append('\x10').append('\x06').append('\x10').append('\x02');
-    for (char c : body) {
-        out.append(c);
-        if (static_cast<uint8_t>(c) == kDle) out.append(c);
-    }
-    out.append('\x10').append('\x03');
-    out.append(static_cast<char>(BlockCheck(body)));
+    for (uint8_t b : {kDle, kAck, kDle, kStx}) out.append(static_cast<char>(b));
+    out.append(lineBody);
+    out.append(static_cast<char>(kDle)).append(static_cast<char>(kEtx));
+    out.append(static_cast<char>(blockCheck));
     return out;
 }
 
-// Un-stuffed reply body: DF1 header (DST, SRC, CMD 0x4B, STS, TNS low, TNS
-// high), two zero bytes, the Multiple Service Packet reply (0x8A, reserved,
+// Un-stuffed reply body: DF1 header (DST, SRC, CMD, STS, TNS low, TNS high),
+// two zero bytes, the Multiple Service Packet reply (service, reserved,
 // status, extended size, one service, its offset 4), then the embedded reply
-// header (service | 0x80, reserved, general status, extended size) at
+// header (service | reply flag, reserved, general status, extended size) at
 // positions 20..23 of the framed reply, then `payload`.
 inline QByteArray ReplyBody(uint8_t tns, uint8_t embeddedService, const QByteArray& payload,
-                            uint8_t generalStatus = 0x00) {
-    QByteArray body;
+                            uint8_t generalStatus = peer::cip::kSuccess) {
+    using peer::cip::kReplyFlag;
     const uint8_t head[] = {0x00,
                             0x00,
-                            0x4B,
-                            0x00,
+                            peer::df1::kCmdCip | peer::df1::kReplyFlag,
+                            peer::df1::kStsSuccess,
                             tns,
                             0x00,
                             0x00,
                             0x00,
-                            0x8A,
+                            peer::cip::kMultipleServicePacket | kReplyFlag,
                             0x00,
-                            0x00,
+                            peer::cip::kSuccess,
                             0x00,
                             0x01,
                             0x00,
                             0x04,
                             0x00,
-                            static_cast<uint8_t>(embeddedService | 0x80),
+                            static_cast<uint8_t>(embeddedService | kReplyFlag),
                             0x00,
                             generalStatus,
                             0x00};
-    body.append(reinterpret_cast<const char*>(head), sizeof head);
+    QByteArray body(reinterpret_cast<const char*>(head), sizeof head);
     body.append(payload);
     return body;
 }
 
 // Acknowledgement of a write: 27 bytes when nothing in it is doubled.
-inline QByteArray WriteReply(uint8_t tns, uint8_t service = 0x53) {
+inline QByteArray WriteReply(uint8_t tns, uint8_t service = peer::cip::kWriteTagFragmented) {
     return Framed(ReplyBody(tns, service, QByteArray()));
 }
 
@@ -98,35 +118,33 @@ inline void AppendLe32(QByteArray& out, uint32_t v) {
     for (int i = 0; i < 4; ++i) out.append(static_cast<char>((v >> (8 * i)) & 0xFF));
 }
 
-// Reply to a 16-bit read: data type INT (C3 00), then the words low byte first,
-// the first data byte at position 26.
+inline QByteArray LeWords(const std::vector<uint16_t>& words) {
+    QByteArray out;
+    for (uint16_t w : words) AppendLe16(out, w);
+    return out;
+}
+
+inline QByteArray LeValues(const std::vector<uint32_t>& values) {
+    QByteArray out;
+    for (uint32_t v : values) AppendLe32(out, v);
+    return out;
+}
+
+// Reply to a 16-bit read: data type INT, then the words low byte first, the
+// first data byte at position 26.
 inline QByteArray WordReadReply(uint8_t tns, const std::vector<uint16_t>& words) {
     QByteArray payload;
-    payload.append('\xC3').append('\x00');
-    for (uint16_t w : words) AppendLe16(payload, w);
-    return Framed(ReplyBody(tns, 0x52, payload));
+    AppendLe16(payload, peer::cip::kTypeInt);
+    payload.append(LeWords(words));
+    return Framed(ReplyBody(tns, peer::cip::kReadTagFragmented, payload));
 }
 
-// Reply to a 32-bit read: data type REAL (CA 00), then the raw values.
+// Reply to a 32-bit read: data type REAL, then the raw values.
 inline QByteArray RealReadReply(uint8_t tns, const std::vector<uint32_t>& values) {
     QByteArray payload;
-    payload.append('\xCA').append('\x00');
-    for (uint32_t v : values) AppendLe32(payload, v);
-    return Framed(ReplyBody(tns, 0x52, payload));
-}
-
-// A request frame with its doubled DLE bytes counted once, from the first byte
-// up to and including ETX (the block check is left off).
-inline QByteArray UnstuffRequest(const QByteArray& frame) {
-    QByteArray out;
-    const int end = frame.size() - 1;  // position of the block check
-    for (int i = 0; i < end; ++i) {
-        out.append(frame[i]);
-        if (static_cast<uint8_t>(frame[i]) == kDle && i + 1 < end &&
-            static_cast<uint8_t>(frame[i + 1]) == kDle)
-            ++i;
-    }
-    return out;
+    AppendLe16(payload, peer::cip::kTypeReal);
+    payload.append(LeValues(values));
+    return Framed(ReplyBody(tns, peer::cip::kReadTagFragmented, payload));
 }
 
 inline uint8_t At(const QByteArray& bytes, int i) {
@@ -150,120 +168,18 @@ inline uint32_t FloatBits(float f) {
     return bits;
 }
 
-// What a request frame asks for, read from its un-stuffed bytes.
-struct DecodedRequest {
-    bool valid = false;
-    uint8_t tns = 0;
-    uint8_t service = 0;  // 0x52 read, 0x53 write, 0x4E read-modify-write
-    char letter = 0;      // 'B', 'N' or 'F'
-    int file = 0;
-    int element = 0;
-    int count = 0;         // elements read or written
-    uint8_t dataType = 0;  // 0xC3 or 0xCA for writes
-    uint16_t orMask = 0;
-    uint16_t andMask = 0xFFFF;
-    QByteArray values;  // write value bytes
-};
-
-inline int HexDigitValue(uint8_t c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'Z') return c - 'A' + 10;
-    return 0;
+// The one tag service a request frame carries, as the peer reads it: the
+// frame's body after the DF1 header and the two bytes before the CIP
+// request. Nothing when the frame or its request cannot be read.
+inline std::optional<peer::TagRequest> DecodeRequest(const QByteArray& frame) {
+    constexpr std::size_t kCipStart = peer::df1::kHeaderSize + 2;
+    const auto body = peer::MessageBody(ToBytes(frame));
+    if (!body || body->size() <= kCipStart) return std::nullopt;
+    const peer::CipMessage message =
+        peer::DecodeCipMessage(body->data() + kCipStart, body->size() - kCipStart);
+    if (!message.status.ok() || message.requests.size() != 1) return std::nullopt;
+    return message.requests.front();
 }
-
-inline DecodedRequest DecodeRequest(const QByteArray& frame) {
-    DecodedRequest r;
-    const QByteArray u = UnstuffRequest(frame);
-    if (u.size() < 44 || At(u, 0) != 0x10 || At(u, 1) != 0x06 || At(u, 2) != 0x10 ||
-        At(u, 3) != 0x02 || At(u, u.size() - 2) != 0x10 || At(u, u.size() - 1) != 0x03)
-        return r;
-    r.tns = At(u, 8);
-    r.service = At(u, 22);
-    r.letter = static_cast<char>(At(u, 26));
-    r.file = HexDigitValue(At(u, 28)) * 256 + HexDigitValue(At(u, 29));
-    r.element = At(u, 32);
-    if (r.service == 0x52) {
-        r.count = At(u, 33) * 256 + At(u, 34);
-    } else if (r.service == 0x53) {
-        r.dataType = At(u, 34);
-        r.count = At(u, 35) * 256 + At(u, 36);
-        const int width = r.dataType == 0xCA ? 4 : 2;
-        r.values = u.mid(42, r.count * width);
-    } else if (r.service == 0x4E) {
-        r.count = 1;
-        r.orMask = static_cast<uint16_t>(At(u, 36) | (At(u, 37) << 8));
-        r.andMask = static_cast<uint16_t>(At(u, 38) | (At(u, 39) << 8));
-    } else {
-        return r;
-    }
-    r.valid = true;
-    return r;
-}
-
-// A controller with 'B' and 'N' files of 16-bit words and 'F' files of 32-bit
-// values. It answers each request frame with the reply a controller would
-// send, or with nothing while it is silent.
-class ControllerModel {
-public:
-    std::vector<uint16_t>& words(char letter, int file) {
-        auto& v = words_[{letter, file}];
-        if (v.empty()) v.assign(256, 0);
-        return v;
-    }
-    std::vector<uint32_t>& reals(int file) {
-        auto& v = reals_[file];
-        if (v.empty()) v.assign(256, 0);
-        return v;
-    }
-
-    bool silent = false;
-    std::vector<DecodedRequest> log;  // every request seen, in order
-
-    // The reply bytes for a request frame; empty while silent or when the
-    // frame cannot be decoded.
-    QByteArray Answer(const QByteArray& frame) {
-        const DecodedRequest r = DecodeRequest(frame);
-        log.push_back(r);
-        if (silent || !r.valid) return QByteArray();
-        if (r.service == 0x52) {
-            if (r.letter == 'F') {
-                std::vector<uint32_t> out;
-                auto& mem = reals(r.file);
-                for (int i = 0; i < r.count; ++i) out.push_back(mem[(r.element + i) & 0xFF]);
-                return RealReadReply(r.tns, out);
-            }
-            std::vector<uint16_t> out;
-            auto& mem = words(r.letter, r.file);
-            for (int i = 0; i < r.count; ++i) out.push_back(mem[(r.element + i) & 0xFF]);
-            return WordReadReply(r.tns, out);
-        }
-        if (r.service == 0x53) {
-            if (r.dataType == 0xCA) {
-                auto& mem = reals(r.file);
-                for (int i = 0; i < r.count && 4 * i + 3 < r.values.size(); ++i) {
-                    uint32_t v = 0;
-                    for (int b = 0; b < 4; ++b) v |= uint32_t(At(r.values, 4 * i + b)) << (8 * b);
-                    mem[(r.element + i) & 0xFF] = v;
-                }
-            } else {
-                auto& mem = words(r.letter, r.file);
-                for (int i = 0; i < r.count && 2 * i + 1 < r.values.size(); ++i)
-                    mem[(r.element + i) & 0xFF] =
-                        static_cast<uint16_t>(At(r.values, 2 * i) | (At(r.values, 2 * i + 1) << 8));
-            }
-            return WriteReply(r.tns, 0x53);
-        }
-        // Read-modify-write of one word.
-        auto& mem = words(r.letter, r.file);
-        uint16_t& w = mem[r.element & 0xFF];
-        w = static_cast<uint16_t>((w & r.andMask) | r.orMask);
-        return WriteReply(r.tns, 0x4E);
-    }
-
-private:
-    std::map<std::pair<char, int>, std::vector<uint16_t>> words_;
-    std::map<int, std::vector<uint32_t>> reals_;
-};
 
 }  // namespace replies
 

@@ -30,7 +30,7 @@ int32_t Wrap(uint32_t value) {
 }
 
 int32_t ModelPack(int dataType, const QString& text) {
-    if (dataType == 0 || dataType == 1) {
+    if (dataType == ABCL_BIT_A || dataType == ABCL_BIT_B) {
         if (!text.contains(':') || !text.contains('/')) return -1;
         const QStringList colon = text.split(':');
         const int32_t file = Piece(colon.value(0));
@@ -361,11 +361,11 @@ TEST_F(AddressCallers, IntMaxPiecesGivingHugeIndex_AcceptedButOutsideTheImage) {
     setCommError(false);
 
     RW_VAR var;
-    var.dataType = 0;
+    var.dataType = ABCL_BIT_A;
     var.addrText = bitText;
     var.count = 4;
     EXPECT_EQ(AddListOnceReadVar(&var, 0), 1);
-    var.dataType = 2;
+    var.dataType = ABCL_WORD_A;
     var.addrText = wordText;
     var.count = 300;
     EXPECT_EQ(AddListOnceReadVar(&var, 0), 11);

@@ -3,6 +3,7 @@
 #include "test_support.h"
 
 #include "Func_Check.h"
+#include "reply_builder.h"
 
 #include <QtCore/QByteArray>
 
@@ -12,27 +13,9 @@
 
 namespace {
 
-constexpr char kDle = 0x10;
+constexpr char kDle = replies::kDle;
 
-// The DF1 block check as the controller computes it: the two's complement of
-// the low byte of the byte sum.
-uint8_t BlockCheckOf(const QByteArray& body) {
-    unsigned sum = 0;
-    for (char c : body) sum += static_cast<unsigned char>(c);
-    return static_cast<uint8_t>(0x100 - (sum & 0xFF));
-}
-
-// DLE ACK DLE STX, the body with every 0x10 sent twice, DLE ETX, block check.
-QByteArray FramedReply(const QByteArray& body) {
-    QByteArray out = Hex("10 06 10 02");
-    for (char c : body) {
-        out.append(c);
-        if (c == kDle) out.append(kDle);
-    }
-    out.append(Hex("10 03"));
-    out.append(static_cast<char>(BlockCheckOf(body)));
-    return out;
-}
+using replies::Framed;
 
 // A body of n bytes without any DLE in it.
 QByteArray PlainBody(int n) {
@@ -41,13 +24,9 @@ QByteArray PlainBody(int n) {
     return body;
 }
 
-// The envelope written by hand, with the stuffed body as given and a chosen BCC.
+// The envelope around the body as given (stuffed by hand), with a chosen BCC.
 QByteArray RawReply(const char* stuffedBodyHex, uint8_t bcc) {
-    QByteArray out = Hex("10 06 10 02");
-    out.append(Hex(stuffedBodyHex));
-    out.append(Hex("10 03"));
-    out.append(static_cast<char>(bcc));
-    return out;
+    return replies::Envelope(Hex(stuffedBodyHex), bcc);
 }
 
 class ReplyCheck : public DriverTest {
@@ -66,29 +45,29 @@ protected:
 // ---------------------------------------------------------------- CheckGetData
 
 TEST_F(ReplyCheck, GoodReplyCarryingData_Returns1) {
-    const QByteArray reply = FramedReply(Hex("00 00 4B 00 21 00 01 02 03 04"));
+    const QByteArray reply = Framed(Hex("00 00 4B 00 21 00 01 02 03 04"));
     EXPECT_EQ(CheckGetData(reply, reply.size()), 1);
 }
 
 TEST_F(ReplyCheck, NineByteReply_IsLongEnough) {
-    const QByteArray reply = FramedReply(Hex("01 02"));
+    const QByteArray reply = Framed(Hex("01 02"));
     ASSERT_EQ(reply.size(), 9);
     EXPECT_EQ(CheckGetData(reply, 9), 1);
 }
 
 TEST_F(ReplyCheck, EightByteReplyWithCorrectEnvelope_IsBad) {
-    const QByteArray reply = FramedReply(Hex("01"));
+    const QByteArray reply = Framed(Hex("01"));
     ASSERT_EQ(reply.size(), 8);
     EXPECT_EQ(CheckGetData(reply, 8), 0);
 }
 
 TEST_F(ReplyCheck, LengthBelowNine_IsBadWhateverTheArrayHolds) {
-    const QByteArray reply = FramedReply(PlainBody(10));
+    const QByteArray reply = Framed(PlainBody(10));
     for (int len = 0; len < 9; ++len) EXPECT_EQ(CheckGetData(reply, len), 0) << "len " << len;
 }
 
 TEST_F(ReplyCheck, NegativeLength_IsBad) {
-    const QByteArray reply = FramedReply(PlainBody(10));
+    const QByteArray reply = Framed(PlainBody(10));
     EXPECT_EQ(CheckGetData(reply, -1), 0);
     EXPECT_EQ(CheckGetData(reply, -100000), 0);
 }
@@ -122,7 +101,7 @@ TEST_F(ReplyCheck, ReplyDoneNegativeAndNoReply_IsBad) {
 }
 
 TEST_F(ReplyCheck, ReplyDoneNonZeroWithGoodReply_IsBad) {
-    const QByteArray reply = FramedReply(PlainBody(10));
+    const QByteArray reply = Framed(PlainBody(10));
     for (int done : {1, 2, -1, 1000}) {
         info.replyDone = done;
         EXPECT_EQ(CheckGetData(reply, reply.size()), 0) << "replyDone " << done;
@@ -132,7 +111,7 @@ TEST_F(ReplyCheck, ReplyDoneNonZeroWithGoodReply_IsBad) {
 class LeadInByte : public ReplyCheck, public ::testing::WithParamInterface<int> {};
 
 TEST_P(LeadInByte, WrongLeadInByte_IsBad) {
-    QByteArray reply = FramedReply(PlainBody(10));
+    QByteArray reply = Framed(PlainBody(10));
     const int pos = GetParam();
     reply[pos] = static_cast<char>(reply[pos] ^ 0x01);
     EXPECT_EQ(CheckGetData(reply, reply.size()), 0) << ToHex(reply);
@@ -141,29 +120,29 @@ TEST_P(LeadInByte, WrongLeadInByte_IsBad) {
 INSTANTIATE_TEST_SUITE_P(Positions0To3, LeadInByte, ::testing::Values(0, 1, 2, 3));
 
 TEST_F(ReplyCheck, LeadInOfNakOrEnq_IsBad) {
-    QByteArray nak = FramedReply(PlainBody(10));
+    QByteArray nak = Framed(PlainBody(10));
     nak[1] = 0x15;
     EXPECT_EQ(CheckGetData(nak, nak.size()), 0);
-    QByteArray swapped = FramedReply(PlainBody(10));
+    QByteArray swapped = Framed(PlainBody(10));
     swapped[1] = 0x02;
     swapped[3] = 0x06;
     EXPECT_EQ(CheckGetData(swapped, swapped.size()), 0);
 }
 
 TEST_F(ReplyCheck, NoEtxBeforeBlockCheck_IsBad) {
-    QByteArray reply = FramedReply(PlainBody(10));
+    QByteArray reply = Framed(PlainBody(10));
     reply[reply.size() - 2] = 0x04;
     EXPECT_EQ(CheckGetData(reply, reply.size()), 0);
 }
 
 TEST_F(ReplyCheck, NoDleBeforeEtx_IsBad) {
-    QByteArray reply = FramedReply(PlainBody(10));
+    QByteArray reply = Framed(PlainBody(10));
     reply[reply.size() - 3] = 0x11;
     EXPECT_EQ(CheckGetData(reply, reply.size()), 0);
 }
 
 TEST_F(ReplyCheck, BytesAfterLength_AreIgnored) {
-    const QByteArray good = FramedReply(PlainBody(12));
+    const QByteArray good = Framed(PlainBody(12));
     QByteArray longer = good;
     longer.append(Hex("AA BB CC 10 03"));
     EXPECT_EQ(CheckGetData(longer, good.size()), 1);
@@ -171,13 +150,13 @@ TEST_F(ReplyCheck, BytesAfterLength_AreIgnored) {
 
 TEST_F(ReplyCheck, EnvelopeIsLookedForAtLengthNotAtArrayEnd) {
     // The array ends with a correct envelope, but the length says it ends earlier.
-    const QByteArray reply = FramedReply(PlainBody(12));
+    const QByteArray reply = Framed(PlainBody(12));
     EXPECT_EQ(CheckGetData(reply, reply.size() - 1), 0);
     EXPECT_EQ(CheckGetData(reply, reply.size() - 2), 0);
 }
 
 TEST_F(ReplyCheck, LengthBeyondArray_IsBad) {
-    const QByteArray reply = FramedReply(PlainBody(12));
+    const QByteArray reply = Framed(PlainBody(12));
     ASSERT_NE(static_cast<unsigned char>(reply[reply.size() - 1]), 0x03u);
     EXPECT_EQ(CheckGetData(reply, reply.size() + 1), 0);
     EXPECT_EQ(CheckGetData(reply, reply.size() + 2), 0);
@@ -185,10 +164,11 @@ TEST_F(ReplyCheck, LengthBeyondArray_IsBad) {
 }
 
 TEST_F(ReplyCheck, WrongBlockCheck_IsBad) {
-    QByteArray reply = FramedReply(PlainBody(12));
+    QByteArray reply = Framed(PlainBody(12));
     for (int delta : {1, 0x10, 0x80, 0xFF}) {
         QByteArray bad = reply;
-        bad[bad.size() - 1] = static_cast<char>(static_cast<unsigned char>(reply[reply.size() - 1]) + delta);
+        bad[bad.size() - 1] =
+            static_cast<char>(static_cast<unsigned char>(reply[reply.size() - 1]) + delta);
         EXPECT_EQ(CheckGetData(bad, bad.size()), 0) << "delta " << delta;
     }
 }
@@ -207,54 +187,50 @@ TEST_F(ReplyCheck, BlockCheckOf0x10_IsReadAsOneByte) {
     EXPECT_EQ(CheckGetData(reply, reply.size()), 1);
 }
 
-TEST_F(ReplyCheck, DoubledDleInBody_CountsOnceInBlockCheck) {
-    // Body 00 10 22 sent as 00 10 10 22.
-    const QByteArray once = RawReply("00 10 10 22", BlockCheckOf(Hex("00 10 22")));
-    EXPECT_EQ(CheckGetData(once, once.size()), 1);
-    const QByteArray twice = RawReply("00 10 10 22", BlockCheckOf(Hex("00 10 10 22")));
-    EXPECT_EQ(CheckGetData(twice, twice.size()), 0);
+// A body as sent (DLEs doubled or not) and the bytes the block check is
+// computed over: the reply is good only when those are the body un-stuffed.
+struct StuffingRow {
+    const char* name;
+    const char* sentBody;
+    const char* checkedBody;
+    int expected;
+};
+
+class Stuffing : public ReplyCheck, public ::testing::WithParamInterface<StuffingRow> {};
+
+TEST_P(Stuffing, BlockCheckCoversTheUnstuffedBody) {
+    const StuffingRow& row = GetParam();
+    const QByteArray reply = RawReply(row.sentBody, replies::BlockCheck(Hex(row.checkedBody)));
+    EXPECT_EQ(CheckGetData(reply, reply.size()), row.expected);
 }
 
-TEST_F(ReplyCheck, LoneDleInBody_IsKept) {
-    // 10 05 is not a doubled DLE: both bytes are part of the body.
-    const QByteArray kept = RawReply("00 10 05", BlockCheckOf(Hex("00 10 05")));
-    EXPECT_EQ(CheckGetData(kept, kept.size()), 1);
-    const QByteArray dropped = RawReply("00 10 05", BlockCheckOf(Hex("00 05")));
-    EXPECT_EQ(CheckGetData(dropped, dropped.size()), 0);
-}
+// Two DLEs are one data byte; a DLE before anything but DLE or ETX is itself.
+INSTANTIATE_TEST_SUITE_P(
+    Rows, Stuffing,
+    ::testing::Values(
+        StuffingRow{"DoubledDleInBody_CountsOnce", "00 10 10 22", "00 10 22", 1},
+        StuffingRow{"DoubledDleInBody_CountedTwiceIsBad", "00 10 10 22", "00 10 10 22", 0},
+        StuffingRow{"LoneDleInBody_IsKept", "00 10 05", "00 10 05", 1},
+        StuffingRow{"LoneDleInBody_DroppedIsBad", "00 10 05", "00 05", 0},
+        StuffingRow{"FourDles_UnstuffToTwo", "01 10 10 10 10 02", "01 10 10 02", 1},
+        StuffingRow{"FourDles_NotToOne", "01 10 10 10 10 02", "01 10 02", 0},
+        StuffingRow{"FourDles_NotKeptAsFour", "01 10 10 10 10 02", "01 10 10 10 10 02", 0},
+        // The first pair is one doubled DLE; the third DLE stands alone.
+        StuffingRow{"ThreeDles_UnstuffToTwo", "01 10 10 10 05", "01 10 10 05", 1},
+        StuffingRow{"ThreeDles_NotToOne", "01 10 10 10 05", "01 10 05", 0},
+        StuffingRow{"DoubledDleRightBeforeTrailer_CountsOnce", "01 02 10 10", "01 02 10", 1},
+        StuffingRow{"LoneDleRightBeforeTrailer_IsKept", "01 02 10", "01 02 10", 1}),
+    RowName());
 
-TEST_F(ReplyCheck, FourDles_UnstuffToTwo) {
-    const QByteArray two = RawReply("01 10 10 10 10 02", BlockCheckOf(Hex("01 10 10 02")));
-    EXPECT_EQ(CheckGetData(two, two.size()), 1);
-    const QByteArray one = RawReply("01 10 10 10 10 02", BlockCheckOf(Hex("01 10 02")));
-    EXPECT_EQ(CheckGetData(one, one.size()), 0);
-    const QByteArray four = RawReply("01 10 10 10 10 02", BlockCheckOf(Hex("01 10 10 10 10 02")));
-    EXPECT_EQ(CheckGetData(four, four.size()), 0);
-}
-
-TEST_F(ReplyCheck, ThreeDles_UnstuffToTwo) {
-    // The first pair is one doubled DLE; the third DLE stands alone.
-    const QByteArray reply = RawReply("01 10 10 10 05", BlockCheckOf(Hex("01 10 10 05")));
-    EXPECT_EQ(CheckGetData(reply, reply.size()), 1);
-    const QByteArray wrong = RawReply("01 10 10 10 05", BlockCheckOf(Hex("01 10 05")));
-    EXPECT_EQ(CheckGetData(wrong, wrong.size()), 0);
-}
-
-TEST_F(ReplyCheck, DoubledDleRightBeforeTrailer_CountsOnce) {
-    const QByteArray reply = RawReply("01 02 10 10", BlockCheckOf(Hex("01 02 10")));
-    EXPECT_EQ(CheckGetData(reply, reply.size()), 1);
-    EXPECT_EQ(reply, FramedReply(Hex("01 02 10")));
-}
-
-TEST_F(ReplyCheck, LoneDleRightBeforeTrailer_IsKept) {
-    const QByteArray reply = RawReply("01 02 10", BlockCheckOf(Hex("01 02 10")));
-    EXPECT_EQ(CheckGetData(reply, reply.size()), 1);
+TEST_F(ReplyCheck, DoubledDleRightBeforeTrailer_IsHowAControllerSendsIt) {
+    EXPECT_EQ(ToHex(RawReply("01 02 10 10", replies::BlockCheck(Hex("01 02 10")))),
+              ToHex(Framed(Hex("01 02 10"))));
 }
 
 TEST_F(ReplyCheck, ManyDoubledDles_AllCountOnce) {
     QByteArray body;
     for (int i = 0; i < 40; ++i) body.append(i % 3 == 0 ? kDle : static_cast<char>(0x40 + i));
-    const QByteArray reply = FramedReply(body);
+    const QByteArray reply = Framed(body);
     EXPECT_EQ(CheckGetData(reply, reply.size()), 1);
 }
 
@@ -268,7 +244,7 @@ class ReplyKind : public ReplyCheck, public ::testing::WithParamInterface<ReplyK
 
 TEST_P(ReplyKind, FirstQueuedRequestDecidesTheResult) {
     PLC_driver.protocolList.first().var.aux2 = GetParam().aux2;
-    const QByteArray reply = FramedReply(PlainBody(20));
+    const QByteArray reply = Framed(PlainBody(20));
     EXPECT_EQ(CheckGetData(reply, reply.size()), GetParam().expected);
 }
 
@@ -277,10 +253,10 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(ReplyKindRow{"CarriesData", 0, 1}, ReplyKindRow{"OnlyConfirms", 1, 2},
                       ReplyKindRow{"Two", 2, 0}, ReplyKindRow{"MinusOne", -1, 0},
                       ReplyKindRow{"Hundred", 100, 0}, ReplyKindRow{"Huge", 0x7FFFFFFF, 0}),
-    [](const ::testing::TestParamInfo<ReplyKindRow>& row) { return std::string(row.param.name); });
+    RowName());
 
 TEST_F(ReplyCheck, OnlyFirstQueuedRequestIsLookedAt) {
-    const QByteArray reply = FramedReply(PlainBody(20));
+    const QByteArray reply = Framed(PlainBody(20));
     PLC_driver.protocolList.first().var.aux2 = 1;
     QueueRequest(0);
     QueueRequest(5);
@@ -292,7 +268,7 @@ TEST_F(ReplyCheck, OnlyFirstQueuedRequestIsLookedAt) {
 
 TEST_F(ReplyCheck, BadReplyKindIsOnlyLookedAtAfterGoodEnvelope) {
     PLC_driver.protocolList.first().var.aux2 = 1;
-    QByteArray reply = FramedReply(PlainBody(20));
+    QByteArray reply = Framed(PlainBody(20));
     reply[reply.size() - 1] = static_cast<char>(reply[reply.size() - 1] + 1);
     EXPECT_EQ(CheckGetData(reply, reply.size()), 0);
 }
@@ -301,7 +277,7 @@ TEST_F(ReplyCheck, ChangesNoState) {
     info.replyDone = 0;
     info.replyTotal = 1;
     PLC_driver.tns = 77;
-    const QByteArray reply = FramedReply(PlainBody(20));
+    const QByteArray reply = Framed(PlainBody(20));
     const ComInfo before = info;
     EXPECT_EQ(CheckGetData(reply, reply.size()), 1);
     EXPECT_EQ(NotFixReturnCheck(reply), 1);
@@ -314,43 +290,43 @@ TEST_F(ReplyCheck, ChangesNoState) {
 // ----------------------------------------------------------- NotFixReturnCheck
 
 TEST_F(ReplyCheck, NotFix_CorrectReplyOf26Bytes_IsTooShort) {
-    const QByteArray reply = FramedReply(PlainBody(19));
+    const QByteArray reply = Framed(PlainBody(19));
     ASSERT_EQ(reply.size(), 26);
     EXPECT_EQ(CheckGetData(reply, reply.size()), 1);
     EXPECT_EQ(NotFixReturnCheck(reply), 0);
 }
 
 TEST_F(ReplyCheck, NotFix_CorrectReplyOf27Bytes_IsGood) {
-    const QByteArray reply = FramedReply(PlainBody(20));
+    const QByteArray reply = Framed(PlainBody(20));
     ASSERT_EQ(reply.size(), 27);
     EXPECT_EQ(NotFixReturnCheck(reply), 1);
 }
 
 TEST_F(ReplyCheck, NotFix_LongerCorrectReplies_AreGood) {
-    for (int n : {21, 22, 40, 200}) EXPECT_EQ(NotFixReturnCheck(FramedReply(PlainBody(n))), 1) << n;
+    for (int n : {21, 22, 40, 200}) EXPECT_EQ(NotFixReturnCheck(Framed(PlainBody(n))), 1) << n;
 }
 
 TEST_F(ReplyCheck, NotFix_SizeCountsDoubledDles) {
     // 19 body bytes, one of them a DLE sent twice: 27 bytes on the wire.
     QByteArray body = PlainBody(19);
     body[5] = kDle;
-    const QByteArray reply = FramedReply(body);
+    const QByteArray reply = Framed(body);
     ASSERT_EQ(reply.size(), 27);
     EXPECT_EQ(NotFixReturnCheck(reply), 1);
 }
 
 TEST_F(ReplyCheck, NotFix_ReplyThatOnlyConfirms_IsGood) {
     PLC_driver.protocolList.first().var.aux2 = 1;
-    EXPECT_EQ(NotFixReturnCheck(FramedReply(PlainBody(20))), 1);
+    EXPECT_EQ(NotFixReturnCheck(Framed(PlainBody(20))), 1);
 }
 
 TEST_F(ReplyCheck, NotFix_UnknownReplyKind_IsBad) {
     PLC_driver.protocolList.first().var.aux2 = 3;
-    EXPECT_EQ(NotFixReturnCheck(FramedReply(PlainBody(20))), 0);
+    EXPECT_EQ(NotFixReturnCheck(Framed(PlainBody(20))), 0);
 }
 
 TEST_F(ReplyCheck, NotFix_BadEnvelope_IsBad) {
-    const QByteArray good = FramedReply(PlainBody(24));
+    const QByteArray good = Framed(PlainBody(24));
     for (int pos : {0, 1, 2, 3, good.size() - 3, good.size() - 2}) {
         QByteArray bad = good;
         bad[pos] = static_cast<char>(bad[pos] ^ 0x40);
@@ -359,19 +335,19 @@ TEST_F(ReplyCheck, NotFix_BadEnvelope_IsBad) {
 }
 
 TEST_F(ReplyCheck, NotFix_BadBlockCheck_IsBad) {
-    QByteArray reply = FramedReply(PlainBody(24));
+    QByteArray reply = Framed(PlainBody(24));
     reply[reply.size() - 1] = static_cast<char>(reply[reply.size() - 1] ^ 0x01);
     EXPECT_EQ(NotFixReturnCheck(reply), 0);
 }
 
 TEST_F(ReplyCheck, NotFix_TrailingByteAfterGoodReply_IsBad) {
-    QByteArray reply = FramedReply(PlainBody(24));
+    QByteArray reply = Framed(PlainBody(24));
     reply.append('\x00');
     EXPECT_EQ(NotFixReturnCheck(reply), 0);
 }
 
 TEST_F(ReplyCheck, NotFix_ReplyDoneNonZero_IsBad) {
-    const QByteArray reply = FramedReply(PlainBody(24));
+    const QByteArray reply = Framed(PlainBody(24));
     info.replyDone = 1;
     EXPECT_EQ(NotFixReturnCheck(reply), 0);
     info.replyDone = 0;
@@ -468,7 +444,9 @@ uint16_t ReferenceCrc(const std::vector<unsigned char>& bytes) {
     uint16_t crc = 0;
     for (unsigned char b : bytes) {
         crc ^= b;
-        for (int i = 0; i < 8; ++i) crc = (crc & 1) ? static_cast<uint16_t>((crc >> 1) ^ 0xA001) : static_cast<uint16_t>(crc >> 1);
+        for (int i = 0; i < 8; ++i)
+            crc = (crc & 1) ? static_cast<uint16_t>((crc >> 1) ^ 0xA001)
+                            : static_cast<uint16_t>(crc >> 1);
     }
     return crc;
 }
@@ -496,7 +474,8 @@ TEST(CalCRC, MatchesBitwiseDefinition) {
     std::vector<unsigned char> bytes;
     uint32_t x = 12345;
     for (int len = 0; len < 64; ++len) {
-        EXPECT_EQ(CalCRC(bytes.data(), static_cast<unsigned short>(bytes.size())), ReferenceCrc(bytes))
+        EXPECT_EQ(CalCRC(bytes.data(), static_cast<unsigned short>(bytes.size())),
+                  ReferenceCrc(bytes))
             << "length " << len;
         x = x * 1103515245u + 12345u;
         bytes.push_back(static_cast<unsigned char>(x >> 16));
@@ -554,7 +533,9 @@ TEST(ASCIIToDigital, ThirtyToThreeF) {
     for (int c = 0x30; c <= 0x3F; ++c) EXPECT_EQ(ASCIIToDigital(c), c - 0x30) << c;
 }
 
-TEST(ASCIIToDigital, AtSignGivesZero) { EXPECT_EQ(ASCIIToDigital(0x40), 0); }
+TEST(ASCIIToDigital, AtSignGivesZero) {
+    EXPECT_EQ(ASCIIToDigital(0x40), 0);
+}
 
 TEST(ASCIIToDigital, UpperCaseLetters) {
     for (int c = 'A'; c <= 'F'; ++c) EXPECT_EQ(ASCIIToDigital(c), 10 + (c - 'A')) << c;

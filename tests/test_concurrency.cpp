@@ -6,7 +6,7 @@
 // ABCL_TEST_LABEL_THREAD: also run under ThreadSanitizer.
 #include "test_support.h"
 
-#include "reply_builder.h"
+#include "linked_controller.h"
 
 #include <algorithm>
 #include <atomic>
@@ -69,11 +69,12 @@ protected:
 };
 
 TEST_F(Concurrency, ExchangeLoopAndScreenAccess_NoDeadlockNoForeignValues) {
-    replies::ControllerModel model;
-    std::vector<uint16_t>& n7 = model.words('N', 7);
-    for (size_t i = 0; i < 64; ++i) n7[i] = kWords[i % kWords.size()];
-    std::vector<uint32_t>& f8 = model.reals(8);
-    for (size_t i = 0; i < 16; ++i) f8[i] = kReals[i % kReals.size()];
+    // N6 holds the bits and words of the third list entry.
+    replies::LinkedController model(replies::LayoutWith({{'N', 6, 256}}));
+    for (size_t i = 0; i < 64; ++i) model.memory.setWord('N', 7, i, kWords[i % kWords.size()]);
+    for (size_t i = 0; i < 16; ++i)
+        model.memory.setReal(8, i, replies::BitsToFloat(kReals[i % kReals.size()]));
+    const peer::PluginApi api = replies::LinkedDriverApi();
 
     std::vector<ReadVarItem> items(3);
     items[0].dataType = ABCL_WORD_B;
@@ -109,11 +110,10 @@ TEST_F(Concurrency, ExchangeLoopAndScreenAccess_NoDeadlockNoForeignValues) {
                    g_callbacks.load() == 0;
         };
         for (long i = 0; i < 2000000 && keepGoing(); ++i) {
-            Protocol* p = ComCommunication();
-            if (!p) continue;
-            const QByteArray reply = model.Answer(p->frame);
+            const replies::Turn turn = replies::TurnLoop(api, model);
+            if (!turn.sent) continue;
             model.log.clear();
-            const int result = DataCom(reply, reply.size())->result;
+            const int result = turn.result;
             exchanges.fetch_add(1, std::memory_order_relaxed);
             if (result != 1) {
                 failedExchanges.fetch_add(1, std::memory_order_relaxed);
@@ -216,7 +216,7 @@ TEST_F(Concurrency, ExchangeLoopAndScreenAccess_NoDeadlockNoForeignValues) {
     EXPECT_LE(PLC_driver.protocolList.size(), 1);
     EXPECT_EQ(PLC_driver.commError, 0);
     EXPECT_GT(g_callbacks.load(), 0) << "one-shot reads were served";
-    for (int k = 0; k < 10; ++k) EXPECT_TRUE(IsKnownWord(n7[static_cast<size_t>(k)])) << k;
+    for (int k = 0; k < 10; ++k) EXPECT_TRUE(IsKnownWord(model.Word('N', 7, k))) << k;
 }
 
 }  // namespace

@@ -17,7 +17,9 @@ namespace {
 
 constexpr std::size_t kPtr = sizeof(void*);
 
-constexpr std::size_t RoundUp(std::size_t n, std::size_t to) { return (n + to - 1) / to * to; }
+constexpr std::size_t RoundUp(std::size_t n, std::size_t to) {
+    return (n + to - 1) / to * to;
+}
 
 template <typename T>
 bool AllZero(const T* area) {
@@ -72,7 +74,8 @@ public:
         s.listEntries = PLC_driver.readList.size() + PLC_driver.writeList.size() +
                         PLC_driver.onceReadList.size() + PLC_driver.spareList.size() +
                         PLC_driver.protocolList.size() + PLC_driver.extendList.size();
-        s.areasZero = AllZero(PLC_driver.areaA) && AllZero(PLC_driver.areaB) && AllZero(PLC_driver.areaD);
+        s.areasZero =
+            AllZero(PLC_driver.areaA) && AllZero(PLC_driver.areaB) && AllZero(PLC_driver.areaD);
         const bool listFree = PLC_driver.listMutex.tryLock();
         if (listFree) PLC_driver.listMutex.unlock();
         const bool imageFree = PLC_driver.imageMutex.tryLock();
@@ -213,7 +216,7 @@ TEST_F(DriverReset, WithoutSettingsRecordBuildersUseZeroedDefaults) {
     EXPECT_EQ(defaults.remoteMode, 0);
 
     RW_VAR v;
-    v.dataType = 3;
+    v.dataType = ABCL_WORD_B;
     v.address = 7 * 256;
     v.count = 1;
     ReadRegister(&v);
@@ -226,7 +229,7 @@ TEST_F(DriverReset, WithoutSettingsRecordBuildersUseZeroedDefaults) {
 TEST_F(DriverReset, ResetForgetsWhatWasWrittenToTheDefaults) {
     ResetDriverForTest();
     RW_VAR v;
-    v.dataType = 3;
+    v.dataType = ABCL_WORD_B;
     v.count = 1;
     ReadRegister(&v);
     ASSERT_EQ(settings().replyTotal, 1);
@@ -277,7 +280,7 @@ TEST_F(DriverReset, QueryFinishFlagIsOneAfterOtherCalls) {
     RegistCallBackFuncIntf(nullptr, 0);
     EXPECT_EQ(QueryFinishFlag(), 1);
     RW_VAR v;
-    v.dataType = 2;
+    v.dataType = ABCL_WORD_A;
     v.count = 1;
     ReadRegister(&v);
     EXPECT_EQ(QueryFinishFlag(), 1);
@@ -298,8 +301,10 @@ TEST_F(DriverReset, SetComInfoZeroesBothStartFlagsOnly) {
     // Every other byte belongs to the host and keeps its value.
     const auto* bytes = reinterpret_cast<const unsigned char*>(&other);
     for (std::size_t i = 0; i < sizeof other; ++i) {
-        const bool flagA = i >= offsetof(ComInfo, startFlagA) && i < offsetof(ComInfo, startFlagA) + 4;
-        const bool flagB = i >= offsetof(ComInfo, startFlagB) && i < offsetof(ComInfo, startFlagB) + 4;
+        const bool flagA =
+            i >= offsetof(ComInfo, startFlagA) && i < offsetof(ComInfo, startFlagA) + 4;
+        const bool flagB =
+            i >= offsetof(ComInfo, startFlagB) && i < offsetof(ComInfo, startFlagB) + 4;
         if (!flagA && !flagB) {
             EXPECT_EQ(bytes[i], 0x5A) << "byte " << i;
         }
@@ -329,7 +334,7 @@ TEST_F(DriverReset, SecondSetComInfoRedirectsAllSettings) {
     second.replyDone = 3;
     second.replyTotal = 4;
     RW_VAR v;
-    v.dataType = 3;
+    v.dataType = ABCL_WORD_B;
     v.address = 10;
     v.count = 1;
     ReadRegister(&v);
@@ -372,7 +377,9 @@ TEST_F(DriverReset, SetComInfoAgainWithSameRecordZeroesFlagsAgain) {
 
 // ----------------------------------------------------- RegistCallBackFuncIntf
 
-int RecordingCallBack(int, int, int, int) { return 42; }
+int RecordingCallBack(int, int, int, int) {
+    return 42;
+}
 
 TEST_F(DriverReset, RegistCallBackStoresFunctionAndContext) {
     RegistCallBackFuncIntf(&RecordingCallBack, 0x12345678);
@@ -503,8 +510,8 @@ TEST(RecordLayout, AreasLieDirectlyBehindTheFlags) {
     EXPECT_EQ(OffsetInDriver(&d.areaA[0]), RoundUp(OffsetInDriver(&d.commError2) + 1, 2));
     EXPECT_EQ(OffsetInDriver(&d.areaB[0]), OffsetInDriver(&d.areaA[0]) + 131072u);
     EXPECT_EQ(OffsetInDriver(&d.areaD[0]), RoundUp(OffsetInDriver(&d.areaB[0]) + 131072u, 4));
-    EXPECT_EQ(sizeof(AB_ControlLogix_CompactLogix),
-              RoundUp(OffsetInDriver(&d.areaD[0]) + 262144u, alignof(AB_ControlLogix_CompactLogix)));
+    EXPECT_EQ(sizeof(AB_ControlLogix_CompactLogix), RoundUp(OffsetInDriver(&d.areaD[0]) + 262144u,
+                                                            alignof(AB_ControlLogix_CompactLogix)));
 }
 
 TEST(RecordLayout, MutexesAndListsAreOnePointerEach) {

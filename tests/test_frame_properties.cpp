@@ -7,6 +7,7 @@
 
 #include "Func_Check.h"
 #include "Func_Read.h"
+#include "reply_builder.h"
 
 #include <climits>
 #include <cstdint>
@@ -16,7 +17,7 @@
 
 namespace {
 
-constexpr uint8_t kDle = 0x10;
+constexpr uint8_t kDle = replies::kDle;
 
 struct Generated {
     int dataType;
@@ -25,14 +26,18 @@ struct Generated {
     int tns;
 };
 
-int DigitCode(int v) { return v <= 9 ? v + 0x30 : v + 0x37; }
+int DigitCode(int v) {
+    return v <= 9 ? v + 0x30 : v + 0x37;
+}
 
 // The request as it must read once every doubled DLE is counted once: 45 bytes
 // from the lead-in up to and including the block check. `subjectDles` receives
 // the number of bytes that the frame must carry twice.
 std::vector<uint8_t> UndoubledLayout(const Generated& g, int* subjectDles, int* dataBytes) {
-    const bool real = g.dataType == 4;
-    const char letter = real ? 'F' : (g.dataType == 0 || g.dataType == 2) ? 'B' : 'N';
+    const bool real = g.dataType == ABCL_REAL;
+    const char letter = real                                                      ? 'F'
+                        : (g.dataType == ABCL_BIT_A || g.dataType == ABCL_WORD_A) ? 'B'
+                                                                                  : 'N';
     const int file = g.address / 256;     // truncating, as the controller's address split
     const int element = g.address % 256;  // sign of the dividend
     int n = g.count;
@@ -40,13 +45,15 @@ std::vector<uint8_t> UndoubledLayout(const Generated& g, int* subjectDles, int* 
         n = static_cast<int>(static_cast<uint32_t>(g.count) - 1u);
         if (n < 1) n = 1;
     }
-    const uint32_t bytes = real ? static_cast<uint32_t>(n) * 4u : static_cast<uint32_t>(g.count) * 2u;
+    const uint32_t bytes =
+        real ? static_cast<uint32_t>(n) * 4u : static_cast<uint32_t>(g.count) * 2u;
     *dataBytes = static_cast<int32_t>(bytes);
 
-    std::vector<uint8_t> f = {0x10, 0x06, 0x10, 0x02, 0x00, 0x00, 0x0B, 0x00,
-                              static_cast<uint8_t>(g.tns & 0xFF), 0x00, 0x00, 0x00,
-                              0x0A, 0x02, 0x20, 0x02, 0x24, 0x01, 0x01, 0x00, 0x04, 0x00,
-                              0x52, 0x05, 0x91, 0x04, static_cast<uint8_t>(letter), 0x30};
+    std::vector<uint8_t> f = {
+        0x10, 0x06, 0x10, 0x02, 0x00, 0x00, 0x0B, 0x00, static_cast<uint8_t>(g.tns & 0xFF),
+        0x00, 0x00, 0x00, 0x0A, 0x02, 0x20, 0x02, 0x24, 0x01,
+        0x01, 0x00, 0x04, 0x00, 0x52, 0x05, 0x91, 0x04, static_cast<uint8_t>(letter),
+        0x30};
     int dles = 0;
     const int nameHigh = DigitCode(0);
     const int nameLow = DigitCode(file & 0xFF);
@@ -64,11 +71,10 @@ std::vector<uint8_t> UndoubledLayout(const Generated& g, int* subjectDles, int* 
     subject(static_cast<uint8_t>((n >> 8) & 0xFF));
     subject(static_cast<uint8_t>(n & 0xFF));
     for (int i = 0; i < 7; ++i) f.push_back(0x00);
-    unsigned sum = 0;
-    for (std::size_t i = 4; i < f.size(); ++i) sum += f[i];
-    f.push_back(0x10);
-    f.push_back(0x03);
-    f.push_back(static_cast<uint8_t>((0x100 - (sum & 0xFF)) & 0xFF));
+    const uint8_t blockCheck = peer::BlockCheck(f.data() + 4, f.size() - 4);
+    f.push_back(peer::df1::kDle);
+    f.push_back(peer::df1::kEtx);
+    f.push_back(blockCheck);
     *subjectDles = dles;
     return f;
 }
@@ -84,35 +90,40 @@ std::vector<uint8_t> Undouble(const QByteArray& frame) {
         out.push_back(b);
         if (b == kDle && i + 1 < bodyEnd && static_cast<uint8_t>(frame[i + 1]) == kDle) ++i;
     }
-    for (int i = bodyEnd > 4 ? bodyEnd : 4; i < frame.size(); ++i) out.push_back(static_cast<uint8_t>(frame[i]));
+    for (int i = bodyEnd > 4 ? bodyEnd : 4; i < frame.size(); ++i)
+        out.push_back(static_cast<uint8_t>(frame[i]));
     return out;
 }
 
 std::string HexOf(const std::vector<uint8_t>& bytes) {
-    return ToHex(QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size())));
+    return ToHex(
+        QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size())));
 }
 
 Generated Generate(std::mt19937& rng) {
     std::uniform_int_distribution<int> pick(0, 99);
     Generated g{};
-    g.dataType = std::uniform_int_distribution<int>(0, 4)(rng);
+    g.dataType = std::uniform_int_distribution<int>(ABCL_BIT_A, ABCL_REAL)(rng);
 
     // Files and elements that hit the DLE rules often.
     static const int kFiles[] = {0, 7, 9, 10, 15, 16, 17, 216, 217, 255};
     static const int kElements[] = {0, 1, 15, 16, 17, 0x10, 255};
     const int fileChoice = pick(rng);
-    int file = fileChoice < 50 ? kFiles[pick(rng) % 10] : std::uniform_int_distribution<int>(0, 300)(rng);
-    int element = pick(rng) < 50 ? kElements[pick(rng) % 7] : std::uniform_int_distribution<int>(0, 255)(rng);
+    int file =
+        fileChoice < 50 ? kFiles[pick(rng) % 10] : std::uniform_int_distribution<int>(0, 300)(rng);
+    int element =
+        pick(rng) < 50 ? kElements[pick(rng) % 7] : std::uniform_int_distribution<int>(0, 255)(rng);
     g.address = file * 256 + element;
     if (pick(rng) < 8) g.address = -std::uniform_int_distribution<int>(1, 70000)(rng);
 
-    static const int kCounts[] = {1, 2, 15, 16, 17, 0x10, 0xFF, 256, 0x110, 4096, 0x1010, 0x10FF, 0, -1};
+    static const int kCounts[] = {1,   2,     15,   16,     17,     0x10, 0xFF,
+                                  256, 0x110, 4096, 0x1010, 0x10FF, 0,    -1};
     const int countChoice = pick(rng);
     if (countChoice < 60)
         g.count = kCounts[pick(rng) % 14];
     else if (countChoice < 90)
         g.count = std::uniform_int_distribution<int>(-5, 300)(rng);
-    else if (g.dataType == 4)
+    else if (g.dataType == ABCL_REAL)
         g.count = std::uniform_int_distribution<int>(0, 1 << 28)(rng);
     else
         g.count = std::uniform_int_distribution<int>(INT_MIN, INT_MAX)(rng);
@@ -143,9 +154,9 @@ TEST_F(FrameProperties, UndoublingGivesTheFixedLayoutAndBlockCheck) {
         const std::vector<uint8_t> expected = UndoubledLayout(g, &dles, &dataBytes);
         ASSERT_EQ(expected.size(), 45u);
         const std::string where = "iteration " + std::to_string(iteration) + ": type " +
-                                  std::to_string(g.dataType) + ", address " + std::to_string(g.address) +
-                                  ", count " + std::to_string(g.count) + ", tns " + std::to_string(g.tns) +
-                                  "\nframe " + ToHex(p.frame);
+                                  std::to_string(g.dataType) + ", address " +
+                                  std::to_string(g.address) + ", count " + std::to_string(g.count) +
+                                  ", tns " + std::to_string(g.tns) + "\nframe " + ToHex(p.frame);
 
         ASSERT_EQ(p.frame.size(), 45 + dles) << where;
         ASSERT_EQ(p.frameLen, 45 + dles) << where;
@@ -181,27 +192,13 @@ TEST_F(FrameProperties, DoubledBytesAreExactlyTheSubjectBytes) {
         const std::vector<uint8_t> expected = UndoubledLayout(g, &dles, &dataBytes);
         for (int i = 0; i < 32; ++i)
             ASSERT_EQ(static_cast<uint8_t>(frame[i]), expected[static_cast<std::size_t>(i)])
-                << "iteration " << iteration << " offset " << i << "\n" << ToHex(frame);
+                << "iteration " << iteration << " offset " << i << "\n"
+                << ToHex(frame);
         // The last three bytes are the undoubled trailer and block check.
         ASSERT_EQ(static_cast<uint8_t>(frame[frame.size() - 3]), 0x10);
         ASSERT_EQ(static_cast<uint8_t>(frame[frame.size() - 2]), 0x03);
         ASSERT_EQ(static_cast<uint8_t>(frame[frame.size() - 1]), expected[44]);
     }
-}
-
-// Frames a reply body: DLE ACK DLE STX, the body with each 0x10 sent twice,
-// DLE ETX and the block check over the body as it was before doubling.
-QByteArray FrameReply(const std::vector<uint8_t>& body) {
-    QByteArray out = Hex("10 06 10 02");
-    unsigned sum = 0;
-    for (uint8_t b : body) {
-        sum += b;
-        out.append(static_cast<char>(b));
-        if (b == kDle) out.append(static_cast<char>(kDle));
-    }
-    out.append(Hex("10 03"));
-    out.append(static_cast<char>((0x100 - (sum & 0xFF)) & 0xFF));
-    return out;
 }
 
 TEST_F(FrameProperties, CorrectlyFramedRepliesPassAndCorruptedOnesFail) {
@@ -215,14 +212,14 @@ TEST_F(FrameProperties, CorrectlyFramedRepliesPassAndCorruptedOnesFail) {
     for (int iteration = 0; iteration < 3000; ++iteration) {
         std::vector<uint8_t> body(static_cast<std::size_t>(length(rng)));
         for (uint8_t& b : body) b = percent(rng) < 20 ? kDle : static_cast<uint8_t>(byte(rng));
-        const QByteArray reply = FrameReply(body);
+        const QByteArray reply = replies::ToQt(peer::FrameReply(body));
         ASSERT_EQ(CheckGetData(reply, reply.size()), 1) << ToHex(reply);
         ASSERT_EQ(NotFixReturnCheck(reply), reply.size() >= 27 ? 1 : 0) << ToHex(reply);
 
         // Changing the block check always fails.
         QByteArray badCheck = reply;
-        badCheck[badCheck.size() - 1] =
-            static_cast<char>(static_cast<uint8_t>(badCheck[badCheck.size() - 1]) + 1 + byte(rng) % 255);
+        badCheck[badCheck.size() - 1] = static_cast<char>(
+            static_cast<uint8_t>(badCheck[badCheck.size() - 1]) + 1 + byte(rng) % 255);
         ASSERT_EQ(CheckGetData(badCheck, badCheck.size()), 0) << ToHex(badCheck);
 
         // Changing one non-DLE body byte to another non-DLE value keeps the

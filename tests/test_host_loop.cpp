@@ -8,7 +8,10 @@
 #include "ab_controllogix_compactlogix_p.h"
 #include "test_support.h"
 
-#include "reply_builder.h"
+#include "linked_controller.h"
+
+#include "peer/cip.h"
+#include "peer/host_loop.h"
 
 #include <cxxabi.h>
 #include <dlfcn.h>
@@ -18,6 +21,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -25,71 +29,17 @@
 
 namespace {
 
-using replies::ControllerModel;
-using replies::DecodedRequest;
+using peer::TagRequest;
 using replies::Framed;
+using replies::LeValues;
+using replies::LeWords;
+using replies::LinkedController;
 
 const char* const kEntryPoints[] = {
     "FlashLocalRegister", "SetComInfo",      "RegistCallBackFuncIntf", "QueryFinishFlag",
     "ComCommunication",   "DataCom",         "PLCAddressChangeIntef",  "AddListReadVar",
     "ReCreatReadVarList", "AddListWriteVar", "AddListOnceReadVar",     "GetRegisterData",
     "SetRegisterData"};
-
-// The plug-in's entry points, resolved by name.
-struct PluginApi {
-    void* handle = nullptr;
-    decltype(&::FlashLocalRegister) flashLocalRegister = nullptr;
-    decltype(&::SetComInfo) setComInfo = nullptr;
-    decltype(&::RegistCallBackFuncIntf) registCallBack = nullptr;
-    decltype(&::QueryFinishFlag) queryFinishFlag = nullptr;
-    decltype(&::ComCommunication) comCommunication = nullptr;
-    decltype(&::DataCom) dataCom = nullptr;
-    decltype(&::PLCAddressChangeIntef) addressChange = nullptr;
-    decltype(&::AddListReadVar) addListReadVar = nullptr;
-    decltype(&::ReCreatReadVarList) reCreatReadVarList = nullptr;
-    decltype(&::AddListWriteVar) addListWriteVar = nullptr;
-    decltype(&::AddListOnceReadVar) addListOnceReadVar = nullptr;
-    decltype(&::GetRegisterData) getRegisterData = nullptr;
-    decltype(&::SetRegisterData) setRegisterData = nullptr;
-
-    ~PluginApi() {
-        if (handle) dlclose(handle);
-    }
-
-    // Loads the plug-in and resolves every entry point; reports each one missing.
-    bool Load(std::string* problems) {
-        handle = dlopen(ABCL_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
-        if (!handle) {
-            *problems = std::string("dlopen failed: ") + dlerror();
-            return false;
-        }
-        bool ok = true;
-        auto resolve = [&](auto& slot, const char* name) {
-            dlerror();
-            void* symbol = dlsym(handle, name);
-            if (!symbol) {
-                *problems += std::string("missing entry point ") + name + "\n";
-                ok = false;
-                return;
-            }
-            slot = reinterpret_cast<std::remove_reference_t<decltype(slot)>>(symbol);
-        };
-        resolve(flashLocalRegister, "FlashLocalRegister");
-        resolve(setComInfo, "SetComInfo");
-        resolve(registCallBack, "RegistCallBackFuncIntf");
-        resolve(queryFinishFlag, "QueryFinishFlag");
-        resolve(comCommunication, "ComCommunication");
-        resolve(dataCom, "DataCom");
-        resolve(addressChange, "PLCAddressChangeIntef");
-        resolve(addListReadVar, "AddListReadVar");
-        resolve(reCreatReadVarList, "ReCreatReadVarList");
-        resolve(addListWriteVar, "AddListWriteVar");
-        resolve(addListOnceReadVar, "AddListOnceReadVar");
-        resolve(getRegisterData, "GetRegisterData");
-        resolve(setRegisterData, "SetRegisterData");
-        return ok;
-    }
-};
 
 struct CallbackCall {
     int context, varId, varSubId, status;
@@ -106,18 +56,6 @@ int CallbacksFor(int varId) {
     return n;
 }
 
-QByteArray LeWords(const std::vector<uint16_t>& words) {
-    QByteArray out;
-    for (uint16_t w : words) replies::AppendLe16(out, w);
-    return out;
-}
-
-QByteArray LeValues(const std::vector<uint32_t>& values) {
-    QByteArray out;
-    for (uint32_t v : values) replies::AppendLe32(out, v);
-    return out;
-}
-
 // Body of a direct-mode request (from DST up to the byte before DLE ETX).
 QByteArray RequestBody(uint8_t tns, const char* fromService) {
     QByteArray body = Hex("00 00 0B 00");
@@ -127,12 +65,14 @@ QByteArray RequestBody(uint8_t tns, const char* fromService) {
     return body;
 }
 
+using MaybeRequest = std::optional<TagRequest>;
+
 class HostLoop : public ::testing::Test {
 protected:
     void SetUp() override {
         g_calls.clear();
-        std::string problems;
-        ASSERT_TRUE(api.Load(&problems)) << problems;
+        std::string problem;
+        ASSERT_TRUE(plugin.load(ABCL_PLUGIN_PATH, &problem)) << problem;
         std::memset(&info, 0, sizeof info);
         info.maxCount = 32;
         info.defaultStation = 1;
@@ -143,62 +83,45 @@ protected:
         info.startFlagB = 7;
     }
 
-    struct Step {
-        bool sent = false;
-        int result = -1;
-        int varId = 0;
-        DecodedRequest request;
-        QByteArray frame;
-    };
+    const peer::PluginApi& api() const { return plugin.api(); }
 
     // One turn of the host's loop: take the next request, let the controller
     // answer it (or not), hand the reply over.
-    Step Turn(const std::function<void(const DecodedRequest&)>& beforeReply = {}) {
-        Step s;
-        Protocol* p = api.comCommunication();
-        if (!p) return s;
-        s.sent = true;
-        s.frame = p->frame;
-        s.request = replies::DecodeRequest(p->frame);
-        if (beforeReply) beforeReply(s.request);
-        const QByteArray reply = model.Answer(p->frame);
-        const RW_VAR* r = api.dataCom(reply, reply.size());
-        s.result = r->result;
-        s.varId = r->varId;
-        return s;
+    replies::Turn Turn(const std::function<void(const TagRequest&)>& beforeReply = {}) {
+        return replies::TurnLoop(api(), model, beforeReply);
     }
 
     // Turns of the loop with a healthy controller; every exchange must succeed.
     void RunGood(int turns) {
         for (int i = 0; i < turns; ++i) {
-            const Step s = Turn();
+            const replies::Turn s = Turn();
             ASSERT_TRUE(s.sent) << "turn " << i;
             ASSERT_EQ(s.result, 1) << "turn " << i;
         }
     }
 
     // Turns until a request matching `match` has been answered; returns that turn.
-    Step RunUntil(const std::function<bool(const DecodedRequest&)>& match, int limit = 40) {
+    replies::Turn RunUntil(const std::function<bool(const MaybeRequest&)>& match, int limit = 40) {
         for (int i = 0; i < limit; ++i) {
-            const Step s = Turn();
+            const replies::Turn s = Turn();
             EXPECT_TRUE(s.sent);
             if (s.sent && match(s.request)) return s;
             EXPECT_EQ(s.result, 1);
         }
         ADD_FAILURE() << "request not seen within " << limit << " turns";
-        return Step();
+        return replies::Turn();
     }
 
     QByteArray Get(int dataType, const char* address, int count) {
         QByteArray out;
-        EXPECT_EQ(api.getRegisterData(0, dataType, address, 0, &out, count), 1);
+        EXPECT_EQ(api().GetRegisterData(0, dataType, address, 0, &out, count), 1);
         return out;
     }
 
     int Set(int dataType, const char* address, const QByteArray& values, int count, int varId,
             int station = 1) {
         QByteArray in = values;
-        return api.setRegisterData(QString(), dataType, address, station, &in, count, varId, 0);
+        return api().SetRegisterData(QString(), dataType, address, station, &in, count, varId, 0);
     }
 
     int OnceRead(int varId, int varSubId, const char* address, int count, int station = 1) {
@@ -209,21 +132,24 @@ protected:
         v.addrText = address;
         v.count = count;
         v.station = station;
-        return api.addListOnceReadVar(&v, 0);
+        return api().AddListOnceReadVar(&v, 0);
     }
 
-    static bool IsWordWrite(const DecodedRequest& r, int element) {
-        return r.valid && r.service == 0x53 && r.letter == 'N' && r.file == 7 &&
-               r.element == element;
+    static bool IsN7(const MaybeRequest& r, uint8_t service, uint32_t element) {
+        return r && r->service == service && r->path.letter == 'N' && r->path.file == 7 &&
+               r->path.element == element;
     }
-    static bool IsWordRead(const DecodedRequest& r, int element) {
-        return r.valid && r.service == 0x52 && r.letter == 'N' && r.file == 7 &&
-               r.element == element;
+    static bool IsWordWrite(const MaybeRequest& r, uint32_t element) {
+        return IsN7(r, peer::cip::kWriteTagFragmented, element);
     }
+    static bool IsWordRead(const MaybeRequest& r, uint32_t element) {
+        return IsN7(r, peer::cip::kReadTagFragmented, element);
+    }
+    uint16_t N7(int element) const { return model.Word('N', 7, element); }
 
-    PluginApi api;
+    peer::Plugin plugin;
     ComInfo info;
-    ControllerModel model;
+    LinkedController model;
 };
 
 TEST(PluginExports, AllThirteenEntryPointsResolveByName) {
@@ -330,30 +256,25 @@ TEST(PluginExports, DynamicSymbolTableHoldsExactlyTheEntryPoints) {
 
 TEST_F(HostLoop, ScansWritesReadsOnceAndSurvivesASilentController) {
     // ---- wiring -------------------------------------------------------------------
-    EXPECT_EQ(api.flashLocalRegister(nullptr, nullptr, nullptr), 396);
-    api.setComInfo(&info);
+    EXPECT_EQ(api().FlashLocalRegister(nullptr, nullptr, nullptr), 396);
+    api().SetComInfo(&info);
     EXPECT_EQ(info.startFlagA, 0);
     EXPECT_EQ(info.startFlagB, 0);
-    api.registCallBack(&HostCallback, 5);
-    EXPECT_EQ(api.queryFinishFlag(), 1);
-    EXPECT_EQ(api.addressChange(0, "7:10/3"), 28835);
-    EXPECT_EQ(api.addressChange(2, "7:10"), 1802);
+    api().RegistCallBackFuncIntf(&HostCallback, 5);
+    EXPECT_EQ(api().QueryFinishFlag(), 1);
+    EXPECT_EQ(api().PLCAddressChangeIntef(0, "7:10/3"), 28835);
+    EXPECT_EQ(api().PLCAddressChangeIntef(2, "7:10"), 1802);
 
     // ---- controller memory and the cyclic list --------------------------------------
-    std::vector<uint16_t>& n7 = model.words('N', 7);
     const std::vector<uint16_t> n7Start = {0x0001, 0x1234, 0x0010, 0x1010, 0xFFFF,
                                            0x8000, 0x7FFF, 0x0100, 0x00FF, 0xABCD};
-    std::copy(n7Start.begin(), n7Start.end(), n7.begin());
-    n7[20] = 0x2020;
-    n7[21] = 0x1000;
-    std::vector<uint16_t>& b3 = model.words('B', 3);
-    b3[0] = 0x0020;  // bit 5
-    b3[1] = 0x5555;
-    b3[2] = 0x1001;
-    std::vector<uint32_t>& f8 = model.reals(8);
-    f8[0] = replies::FloatBits(1.5f);
-    f8[1] = replies::FloatBits(-2.25f);  // 00 00 10 C0: a doubled byte in the reply
-    f8[2] = replies::FloatBits(100.0f);
+    model.SetWords('N', 7, 0, n7Start);
+    model.SetWords('N', 7, 20, {0x2020, 0x1000});
+    model.SetWords('B', 3, 0, {0x0020 /* bit 5 */, 0x5555, 0x1001});
+    const std::vector<float> f8 = {1.5f, -2.25f /* 00 00 10 C0: a doubled byte in the reply */,
+                                   100.0f};
+    for (std::size_t i = 0; i < f8.size(); ++i) model.memory.setReal(8, i, f8[i]);
+    const auto f8Bits = [&](std::size_t i) { return replies::FloatBits(f8[i]); };
 
     std::vector<ReadVarItem> items(5);
     auto describe = [](ReadVarItem& item, int dataType, const char* text, int count) {
@@ -368,7 +289,7 @@ TEST_F(HostLoop, ScansWritesReadsOnceAndSurvivesASilentController) {
     describe(items[4], ABCL_WORD_A, "3:1", 2);
     QList<ReadVarItem*> list;
     for (auto& item : items) list.append(&item);
-    ASSERT_EQ(api.reCreatReadVarList(&list), 4);
+    ASSERT_EQ(api().ReCreatReadVarList(&list), 4);
 
     // Three passes: two exchanges per read, four reads per pass.
     RunGood(24);
@@ -376,11 +297,11 @@ TEST_F(HostLoop, ScansWritesReadsOnceAndSurvivesASilentController) {
 
     std::set<std::string> seen;
     for (size_t i = model.log.size() - 8; i < model.log.size(); ++i) {
-        const DecodedRequest& r = model.log[i];
-        ASSERT_TRUE(r.valid);
-        EXPECT_EQ(r.service, 0x52);
-        seen.insert(std::string(1, r.letter) + std::to_string(r.file) + ":" +
-                    std::to_string(r.element) + "x" + std::to_string(r.count));
+        ASSERT_TRUE(model.log[i]);
+        const TagRequest& r = *model.log[i];
+        EXPECT_EQ(r.service, peer::cip::kReadTagFragmented);
+        seen.insert(std::string(1, r.path.letter) + std::to_string(r.path.file) + ":" +
+                    std::to_string(r.path.element) + "x" + std::to_string(r.count));
     }
     // 'N' 7:0 and 7:20 merged into 22 words; the bit's word; two 'B' words; three
     // 32-bit elements for a count of four.
@@ -391,16 +312,16 @@ TEST_F(HostLoop, ScansWritesReadsOnceAndSurvivesASilentController) {
     EXPECT_EQ(ToHex(Get(ABCL_BIT_A, "3:0/5", 1)), "01");
     EXPECT_EQ(ToHex(Get(ABCL_BIT_A, "3:0/4", 1)), "00");
     EXPECT_EQ(ToHex(Get(ABCL_WORD_A, "3:1", 2)), "55 55 01 10");
-    EXPECT_EQ(ToHex(Get(ABCL_REAL, "8:0", 4)), ToHex(LeValues({f8[0], f8[1]})));
-    EXPECT_EQ(ToHex(Get(ABCL_REAL, "8:2", 2)), ToHex(LeValues({f8[2]})));
+    EXPECT_EQ(ToHex(Get(ABCL_REAL, "8:0", 4)), ToHex(LeValues({f8Bits(0), f8Bits(1)})));
+    EXPECT_EQ(ToHex(Get(ABCL_REAL, "8:2", 2)), ToHex(LeValues({f8Bits(2)})));
 
     // ---- writes: frames, mirror, controller --------------------------------------------
     ASSERT_EQ(Set(ABCL_WORD_B, "7:4", Hex("34 12"), 1, 3), 1);
     EXPECT_EQ(ToHex(Get(ABCL_WORD_B, "7:4", 1)), "FF FF") << "mirrored when its frame is built";
     bool mirroredWhenBuilt = false;
-    Step written;
+    replies::Turn written;
     for (int i = 0; i < 10 && !written.sent; ++i) {
-        const Step s = Turn([&](const DecodedRequest& r) {
+        const replies::Turn s = Turn([&](const TagRequest& r) {
             if (IsWordWrite(r, 4)) mirroredWhenBuilt = ToHex(Get(ABCL_WORD_B, "7:4", 1)) == "34 12";
         });
         ASSERT_EQ(s.result, 1);
@@ -414,27 +335,29 @@ TEST_F(HostLoop, ScansWritesReadsOnceAndSurvivesASilentController) {
               ToHex(Framed(RequestBody(tns,
                                        "53 05 91 04 4E 30 30 37 29 00 04 00 C3 00 01 00 00 00 "
                                        "00 00 34 12"))));
-    EXPECT_EQ(n7[4], 0x1234);
+    EXPECT_EQ(N7(4), 0x1234);
 
     ASSERT_GT(Set(ABCL_BIT_A, "3:0/5", Hex("00"), 1, 2), 0);
-    const Step bitWrite = RunUntil([](const DecodedRequest& r) { return r.service == 0x4E; });
+    const replies::Turn bitWrite = RunUntil(
+        [](const MaybeRequest& r) { return r && r->service == peer::cip::kReadModifyWriteTag; });
     EXPECT_EQ(bitWrite.result, 1);
     EXPECT_EQ(
         ToHex(bitWrite.frame),
         ToHex(Framed(RequestBody(static_cast<uint8_t>(bitWrite.frame[8]),
                                  "4E 05 91 04 42 30 30 33 29 00 00 00 02 00 00 00 DF FF 00 00"))));
-    EXPECT_EQ(b3[0], 0x0000);
+    EXPECT_EQ(model.Word('B', 3, 0), 0x0000);
 
     ASSERT_GT(Set(ABCL_REAL, "8:1", LeValues({replies::FloatBits(3.0f)}), 2, 4), 0);
-    const Step realWrite =
-        RunUntil([](const DecodedRequest& r) { return r.service == 0x53 && r.letter == 'F'; });
+    const replies::Turn realWrite = RunUntil([](const MaybeRequest& r) {
+        return r && r->service == peer::cip::kWriteTagFragmented && r->path.letter == 'F';
+    });
     EXPECT_EQ(realWrite.result, 1);
     EXPECT_EQ(
         ToHex(realWrite.frame),
         ToHex(Framed(RequestBody(static_cast<uint8_t>(realWrite.frame[8]),
                                  "53 05 91 04 46 30 30 38 29 00 01 00 CA 00 01 00 00 00 00 00 "
                                  "00 00 40 40"))));
-    EXPECT_EQ(replies::BitsToFloat(f8[1]), 3.0f);
+    EXPECT_EQ(model.memory.real(8, 1).value_or(0.0f), 3.0f);
 
     RunGood(16);
     EXPECT_EQ(ToHex(Get(ABCL_WORD_B, "7:4", 1)), "34 12");
@@ -442,8 +365,7 @@ TEST_F(HostLoop, ScansWritesReadsOnceAndSurvivesASilentController) {
     EXPECT_EQ(ToHex(Get(ABCL_REAL, "8:1", 2)), "00 00 40 40");
 
     // ---- one-shot read ---------------------------------------------------------------
-    n7[30] = 0x4242;
-    n7[31] = 0x0707;
+    model.SetWords('N', 7, 30, {0x4242, 0x0707});
     ASSERT_EQ(OnceRead(9, 4, "7:30", 2), 1);
     for (int i = 0; i < 20 && g_calls.empty(); ++i) ASSERT_EQ(Turn().result, 1);
     ASSERT_EQ(g_calls.size(), 1u);
@@ -454,10 +376,10 @@ TEST_F(HostLoop, ScansWritesReadsOnceAndSurvivesASilentController) {
     EXPECT_EQ(ToHex(Get(ABCL_WORD_B, "7:30", 2)), "42 42 07 07");
 
     // ---- a silent controller during a read only costs retries ----------------------------
-    model.silent = true;
+    model.SetSilent(true);
     for (int i = 0; i < 6; ++i) EXPECT_EQ(Turn().result, 0) << "turn " << i;
     EXPECT_LE(info.retryCount, 1);
-    model.silent = false;
+    model.SetSilent(false);
     RunGood(8);
     info.retryCount = 0;  // the host's own bookkeeping
 
@@ -467,10 +389,10 @@ TEST_F(HostLoop, ScansWritesReadsOnceAndSurvivesASilentController) {
     ASSERT_EQ(OnceRead(10, 1, "7:50", 1), 1);
     std::vector<int> results;
     for (int i = 0; i < 20 && results.size() < 3; ++i) {
-        const Step s = Turn([&](const DecodedRequest& r) {
-            if (IsWordWrite(r, 5)) model.silent = true;
+        const replies::Turn s = Turn([&](const TagRequest& r) {
+            if (IsWordWrite(r, 5)) model.SetSilent(true);
         });
-        if (model.silent) {
+        if (model.silent()) {
             EXPECT_TRUE(IsWordWrite(s.request, 5)) << "the failed write is rebuilt";
             results.push_back(s.result);
             if (results.size() == 3) {
@@ -491,19 +413,19 @@ TEST_F(HostLoop, ScansWritesReadsOnceAndSurvivesASilentController) {
     EXPECT_EQ(ToHex(Get(ABCL_WORD_B, "7:6", 1)), "FF 7F")
         << "the purged write never reached the image";
 
-    model.silent = false;
+    model.SetSilent(false);
     const size_t recoveredAt = model.log.size();
-    const Step first = Turn();
+    const replies::Turn first = Turn();
     EXPECT_TRUE(IsWordWrite(first.request, 7));
     EXPECT_EQ(first.result, 1);
-    EXPECT_EQ(n7[7], 0x0707);
+    EXPECT_EQ(N7(7), 0x0707);
     // The link is good again: values wait for their frame to be mirrored.
     ASSERT_EQ(Set(ABCL_WORD_B, "7:8", Hex("08 08"), 1, 8), 1);
     EXPECT_EQ(ToHex(Get(ABCL_WORD_B, "7:8", 1)), "FF 00");
     RunGood(16);
-    EXPECT_EQ(n7[8], 0x0808);
+    EXPECT_EQ(N7(8), 0x0808);
     EXPECT_EQ(ToHex(Get(ABCL_WORD_B, "7:8", 1)), "08 08");
-    EXPECT_EQ(n7[6], 0x7FFF);
+    EXPECT_EQ(N7(6), 0x7FFF);
     EXPECT_EQ(CallbacksFor(10), 0) << "the purged one-shot read is never reported";
     for (size_t i = recoveredAt; i < model.log.size(); ++i) {
         EXPECT_FALSE(IsWordWrite(model.log[i], 6));
@@ -520,17 +442,17 @@ TEST_F(HostLoop, ScansWritesReadsOnceAndSurvivesASilentController) {
     ASSERT_EQ(OnceRead(12, 1, "7:41", 1, 2), 2);
     results.clear();
     for (int i = 0; i < 20 && results.size() < 3; ++i) {
-        const Step s = Turn([&](const DecodedRequest& r) {
-            if (IsWordWrite(r, 1)) model.silent = true;
+        const replies::Turn s = Turn([&](const TagRequest& r) {
+            if (IsWordWrite(r, 1)) model.SetSilent(true);
         });
-        if (model.silent) {
+        if (model.silent()) {
             results.push_back(s.result);
         } else {
             ASSERT_EQ(s.result, 1);
         }
     }
     EXPECT_EQ(results, (std::vector<int>{0, 0, 42}));
-    model.silent = false;
+    model.SetSilent(false);
     const size_t multiFrom = model.log.size();
     for (int i = 0; i < 30 && CallbacksFor(11) == 0; ++i) ASSERT_EQ(Turn().result, 1);
     RunGood(10);
@@ -546,8 +468,8 @@ TEST_F(HostLoop, ScansWritesReadsOnceAndSurvivesASilentController) {
     EXPECT_TRUE(station3ReadSent);
     EXPECT_EQ(CallbacksFor(11), 1);
     EXPECT_EQ(CallbacksFor(12), 0);
-    EXPECT_EQ(n7[2], 0x2222);
-    EXPECT_EQ(n7[3], 0x1010);
+    EXPECT_EQ(N7(2), 0x2222);
+    EXPECT_EQ(N7(3), 0x1010);
 
     // The test program's own linked driver was never touched.
     EXPECT_TRUE(PLC_driver.readList.isEmpty());

@@ -322,7 +322,7 @@ TEST_F(SetData, Bits_ZeroOrNegativeCount_ReturnsZero) {
 
 TEST_F(SetData, Bits_ResultIsTheQueueLength) {
     RW_VAR other;
-    other.dataType = 2;
+    other.dataType = ABCL_WORD_A;
     other.address = 1;
     other.count = 1;
     AddListWriteVar(&other, 0);
@@ -690,15 +690,15 @@ TEST_F(AreaEdges, GetHelpersNegativeIndex_SkippedBytesKept) {
 TEST_F(AreaEdges, WriteDataToLocalHugeCount_StaysInTheArea) {
     const ImageSnapshot before;
     RW_VAR w;
-    w.dataType = 2;
+    w.dataType = ABCL_WORD_A;
     w.address = 65535;
     w.count = INT_MAX;
     w.data = Hex("01 02 03 04");
     WriteDataToLocal(&w);
-    w.dataType = 4;
+    w.dataType = ABCL_REAL;
     w.data = Ramp(8);
     WriteDataToLocal(&w);
-    w.dataType = 1;
+    w.dataType = ABCL_BIT_B;
     w.address = 16 * 65535 + 15;
     w.data = Hex("01 00");  // the second bit would clear bit 0 of the next area
     WriteDataToLocal(&w);
@@ -733,19 +733,19 @@ TEST_F(LocalWrite, EachTypeToItsArea) {
     const ImageSnapshot before;
     RW_VAR w;
     w.count = 2;
-    w.dataType = 0;
+    w.dataType = ABCL_BIT_A;
     w.address = 16 * 3 + 2;
     w.data = Hex("01 01");
     WriteDataToLocal(&w);
-    w.dataType = 1;
+    w.dataType = ABCL_BIT_B;
     WriteDataToLocal(&w);
-    w.dataType = 2;
+    w.dataType = ABCL_WORD_A;
     w.address = 10;
     w.data = Hex("01 02 03 04");
     WriteDataToLocal(&w);
-    w.dataType = 3;
+    w.dataType = ABCL_WORD_B;
     WriteDataToLocal(&w);
-    w.dataType = 4;
+    w.dataType = ABCL_REAL;
     w.data = Hex("01 02 03 04");
     WriteDataToLocal(&w);
     EXPECT_EQ(PLC_driver.areaA[3], 0x000C);
@@ -769,7 +769,7 @@ TEST_F(LocalWrite, MultiStationOrOtherType_NothingChanges) {
     w.dataType = -1;
     WriteDataToLocal(&w);
     info.multiStation = 1;
-    w.dataType = 2;
+    w.dataType = ABCL_WORD_A;
     WriteDataToLocal(&w);
     EXPECT_EQ(Changes(before), Names{});
 }

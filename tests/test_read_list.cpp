@@ -466,7 +466,7 @@ TEST_F(ReadList, AddListReadVar_AppendsBehindARebuiltList) {
     host.Add(2, "0:10", 5);
     ASSERT_EQ(Rebuild(), 1);
     RW_VAR var;
-    var.dataType = 3;
+    var.dataType = ABCL_WORD_B;
     var.address = 5;
     var.count = 1;
     EXPECT_EQ(AddListReadVar(&var), 2);

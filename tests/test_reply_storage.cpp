@@ -5,6 +5,7 @@
 #include "Func_Check.h"
 #include "Func_DealData.h"
 #include "Func_Read.h"
+#include "reply_builder.h"
 
 #include <climits>
 #include <cstdint>
@@ -15,20 +16,13 @@
 
 namespace {
 
-constexpr char kDle = 0x10;
+constexpr char kDle = replies::kDle;
 constexpr uint16_t kWordSentinel = 0xA5A5;
 constexpr uint32_t kRealSentinel = 0xA5A5A5A5u;
 constexpr int kDataPos = 26;
 
 // Every 0x10 sent twice, as a controller sends data bytes.
-QByteArray Stuff(const QByteArray& raw) {
-    QByteArray out;
-    for (char c : raw) {
-        out.append(c);
-        if (c == kDle) out.append(kDle);
-    }
-    return out;
-}
+const auto Stuff = replies::Stuffed;
 
 QByteArray Words(std::initializer_list<uint16_t> values) {
     QByteArray out;
@@ -42,7 +36,8 @@ QByteArray Words(std::initializer_list<uint16_t> values) {
 QByteArray Reals(std::initializer_list<uint32_t> values) {
     QByteArray out;
     for (uint32_t v : values)
-        for (int shift = 0; shift < 32; shift += 8) out.append(static_cast<char>((v >> shift) & 0xFF));
+        for (int shift = 0; shift < 32; shift += 8)
+            out.append(static_cast<char>((v >> shift) & 0xFF));
     return out;
 }
 
@@ -327,7 +322,8 @@ TEST_F(ReplyStorage, TimerSaversNeedSixBytesPerElement) {
 
 TEST_F(ReplyStorage, SaveToLocalNeverUsesTimerLayout) {
     QueueRead(3, 50, 18);
-    const QByteArray raw = Words({0x0001, 0x0002, 0x0003, 0x0004, 0x0005, 0x0006, 0x0007, 0x0008, 0x0009});
+    const QByteArray raw =
+        Words({0x0001, 0x0002, 0x0003, 0x0004, 0x0005, 0x0006, 0x0007, 0x0008, 0x0009});
     SaveToLocalDataErea(ReplyWithData(kDataPos, raw));
     for (int i = 0; i < 9; ++i) EXPECT_EQ(PLC_driver.areaB[50 + i], i + 1) << i;
 }
@@ -529,19 +525,15 @@ TEST_F(ReplyStorage, ExtremeAddressesStoreNothing) {
 // holding one Read Tag Fragmented reply, the values from byte 26 on, every
 // 0x10 of the body sent twice, DLE ETX and the block check.
 QByteArray ReadReply(uint8_t tnsByte, uint8_t typeCode, const QByteArray& values) {
-    QByteArray body = Hex("00 00 4B 00");                    // DST SRC CMD STS
-    body.append(static_cast<char>(tnsByte));                  // TNS
-    body.append(Hex("00 00 00"));                             // TNS high, zero
-    body.append(Hex("8A 00 00 00 01 00 04 00"));              // MSP reply, 1 service at 4
-    body.append(Hex("D2 00 00 00"));                          // Read Tag Fragmented reply, status 0
+    QByteArray body = Hex("00 00 4B 00");         // DST SRC CMD STS
+    body.append(static_cast<char>(tnsByte));      // TNS
+    body.append(Hex("00 00 00"));                 // TNS high, zero
+    body.append(Hex("8A 00 00 00 01 00 04 00"));  // MSP reply, 1 service at 4
+    body.append(Hex("D2 00 00 00"));              // Read Tag Fragmented reply, status 0
     body.append(static_cast<char>(typeCode));
     body.append('\x00');
     body.append(values);
-    unsigned sum = 0;
-    for (char c : body) sum += static_cast<unsigned char>(c);
-    QByteArray reply = Hex("10 06 10 02") + Stuff(body) + Hex("10 03");
-    reply.append(static_cast<char>((0x100 - (sum & 0xFF)) & 0xFF));
-    return reply;
+    return replies::Framed(body);
 }
 
 struct RoundTripRow {
@@ -568,16 +560,18 @@ TEST_P(ReadRoundTrip, ReplyPassesChecksAndLandsAtTheRequestedElements) {
     const Protocol p = PLC_driver.protocolList.first();
     ASSERT_EQ(p.dataPos, 26);
 
-    const bool real = row.dataType == 4;
+    const bool real = row.dataType == ABCL_REAL;
     const int elements = real ? (row.count > 1 ? row.count - 1 : 1) : row.count;
     QByteArray values;
     std::vector<uint32_t> expected;
     for (int i = 0; i < elements; ++i) {
         // Every third value carries DLE bytes, so stuffing shifts later values.
-        const uint32_t value = (i % 3 == 0) ? 0x10101010u >> (8 * (i % 4)) : 0x01020304u * static_cast<uint32_t>(i + 1);
+        const uint32_t value = (i % 3 == 0) ? 0x10101010u >> (8 * (i % 4))
+                                            : 0x01020304u * static_cast<uint32_t>(i + 1);
         const uint32_t stored = real ? value : (value & 0xFFFF);
         expected.push_back(stored);
-        for (int b = 0; b < (real ? 4 : 2); ++b) values.append(static_cast<char>((stored >> (8 * b)) & 0xFF));
+        for (int b = 0; b < (real ? 4 : 2); ++b)
+            values.append(static_cast<char>((stored >> (8 * b)) & 0xFF));
     }
     ASSERT_EQ(values.size(), p.dataBytes);
     const QByteArray reply = ReadReply(static_cast<uint8_t>(row.tns), real ? 0xCA : 0xC3, values);
@@ -591,7 +585,7 @@ TEST_P(ReadRoundTrip, ReplyPassesChecksAndLandsAtTheRequestedElements) {
         const uint32_t want = expected[static_cast<size_t>(i)];
         if (real) {
             EXPECT_EQ(PLC_driver.areaD[address + i], want) << i;
-        } else if (row.dataType == 0 || row.dataType == 2) {
+        } else if (row.dataType == ABCL_BIT_A || row.dataType == ABCL_WORD_A) {
             EXPECT_EQ(PLC_driver.areaA[address + i], want) << i;
         } else {
             EXPECT_EQ(PLC_driver.areaB[address + i], want) << i;
@@ -600,21 +594,22 @@ TEST_P(ReadRoundTrip, ReplyPassesChecksAndLandsAtTheRequestedElements) {
     EXPECT_EQ(ChangedA() + ChangedB() + ChangedD(), elements);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Rows, ReadRoundTrip,
-    ::testing::Values(RoundTripRow{"N007_Words", 3, 7, 5, 7, 0x21},
-                      RoundTripRow{"N010_BitWords", 1, 10, 16, 4, 0x33},
-                      RoundTripRow{"B003_Words", 2, 3, 16, 5, 0x05},
-                      RoundTripRow{"B003_BitWords", 0, 3, 0, 3, 0x7F},
-                      RoundTripRow{"F008_Reals", 4, 8, 4, 5, 0x21},
-                      RoundTripRow{"F008_OneReal", 4, 8, 255, 1, 0x44}),
-    [](const ::testing::TestParamInfo<RoundTripRow>& row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(Rows, ReadRoundTrip,
+                         ::testing::Values(RoundTripRow{"N007_Words", 3, 7, 5, 7, 0x21},
+                                           RoundTripRow{"N010_BitWords", 1, 10, 16, 4, 0x33},
+                                           RoundTripRow{"B003_Words", 2, 3, 16, 5, 0x05},
+                                           RoundTripRow{"B003_BitWords", 0, 3, 0, 3, 0x7F},
+                                           RoundTripRow{"F008_Reals", 4, 8, 4, 5, 0x21},
+                                           RoundTripRow{"F008_OneReal", 4, 8, 255, 1, 0x44}),
+                         [](const ::testing::TestParamInfo<RoundTripRow>& row) {
+                             return std::string(row.param.name);
+                         });
 
 TEST_F(ReplyStorage, ReadRoundTripThroughDataCom) {
     // The first reply only fixes the reply length; the second is stored.
     PLC_driver.tns = 0x21;
     RW_VAR v;
-    v.dataType = 3;
+    v.dataType = ABCL_WORD_B;
     v.address = 7 * 256 + 5;
     v.count = 3;
     ReadRegister(&v);

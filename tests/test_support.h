@@ -5,6 +5,7 @@
 
 #include "ab_controllogix_compactlogix.h"
 #include "ab_controllogix_compactlogix_p.h"
+#include "fresh_driver.h"
 
 #include <gtest/gtest.h>
 
@@ -32,6 +33,14 @@ inline std::string ToHex(const QByteArray& bytes) {
     return out;
 }
 
+// Names each row of a table-driven test after the row's `name`.
+struct RowName {
+    template <class Row>
+    std::string operator()(const ::testing::TestParamInfo<Row>& info) const {
+        return info.param.name;
+    }
+};
+
 // Every field of two variable records, data included.
 inline void ExpectSameRecord(const RW_VAR& expected, const RW_VAR& actual) {
     EXPECT_EQ(expected.varId, actual.varId);
@@ -55,19 +64,7 @@ inline void ExpectSameRecord(const RW_VAR& expected, const RW_VAR& actual) {
 // test owns (`info`), with single-station defaults a panel would use.
 class DriverTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        ResetDriverForTest();
-        // The transaction number starts at random after loading; tests start
-        // from a fixed one (not DLE) so that frames and reply lengths repeat.
-        PLC_driver.tns = 0x21;
-        std::memset(&info, 0, sizeof info);
-        info.maxCount = 32;
-        info.defaultStation = 1;
-        info.retryLimit = 2;
-        info.localLinkNo = 0;
-        info.writeMode = 2;
-        SetComInfo(&info);
-    }
+    void SetUp() override { WireFreshDriver(info); }
     void TearDown() override { ResetDriverForTest(); }
 
     ComInfo info;

@@ -4,6 +4,7 @@
 #include "test_support.h"
 
 #include "Func_Write.h"
+#include "reply_builder.h"
 #include "protocol_constants.h"
 
 #include <climits>
@@ -32,24 +33,8 @@ RW_VAR Record(int dataType, int address, int count, const QByteArray& data) {
     return var;
 }
 
-// The block check a request frame must carry, worked out on its own: copy the
-// frame up to and including ETX, keeping one byte of every DLE pair, then take
-// the two's complement of the byte sum from DST to the byte before DLE ETX.
-uint8_t BlockCheckOf(const QByteArray& frame) {
-    QByteArray copy;
-    const int throughEtx = frame.size() - 1;
-    for (int i = 0; i < throughEtx;) {
-        const auto b = static_cast<uint8_t>(frame[i]);
-        copy.append(static_cast<char>(b));
-        if (b == 0x10 && i + 1 < throughEtx && static_cast<uint8_t>(frame[i + 1]) == 0x10)
-            i += 2;
-        else
-            i += 1;
-    }
-    unsigned sum = 0;
-    for (int i = 4; i < copy.size() - 2; ++i) sum += static_cast<uint8_t>(copy[i]);
-    return static_cast<uint8_t>(0x100 - (sum & 0xFF));
-}
+// The block check a request frame must carry, worked out by the peer.
+const auto BlockCheckOf = replies::BlockCheckOfFrame;
 
 // The one queued request must be this write frame with a write's bookkeeping:
 // a 27-byte reply without data.
@@ -383,7 +368,7 @@ TEST_F(WordWrites, TypesAAndB_DifferOnlyInLetterAndBlockCheck) {
     PLC_driver.tns = 0x33;
     RW_VAR a = Record(2, 0x0A05, 3, Hex("01 02 03 04 10 06"));
     RW_VAR b = a;
-    b.dataType = 3;
+    b.dataType = ABCL_WORD_B;
     WriteAnalog(&a);
     WriteAnalog(&b);
     ASSERT_EQ(PLC_driver.protocolList.size(), 2);

@@ -9,6 +9,7 @@
 
 #include "Func_Remote.h"
 #include "Func_Write.h"
+#include "reply_builder.h"
 
 #include <cstdint>
 #include <memory>
@@ -55,10 +56,11 @@ public:
         for (const Cell& c : cells_) n += c.doubled ? 1 : 0;
         return n;
     }
+    // Over the body: from DST to the byte before DLE ETX.
     uint8_t Bcc() const {
-        unsigned sum = 0;
-        for (int i = 4; i < size() - 2; ++i) sum += cells_[static_cast<size_t>(i)].byte;
-        return static_cast<uint8_t>(0x100 - (sum & 0xFF));
+        const QByteArray body =
+            Bytes().mid(peer::df1::kLeadInSize, size() - 2 - peer::df1::kLeadInSize);
+        return replies::BlockCheck(body);
     }
 
 private:
@@ -97,8 +99,8 @@ Layout BitLayout(const RW_VAR& v, int tns) {
     const int orMask = set ? m : 0;
     const int andMask = set ? 0xFFFF : (~m & 0xFFFF);
     Layout l;
-    Head(l, 0x4E, (v.dataType == 1 || v.dataType == 3) ? 'N' : 'B', Digit((file >> 8) & 0xFF),
-         Digit(file & 0xFF), element, tns);
+    Head(l, 0x4E, (v.dataType == ABCL_BIT_B || v.dataType == ABCL_WORD_B) ? 'N' : 'B',
+         Digit((file >> 8) & 0xFF), Digit(file & 0xFF), element, tns);
     l.Fixed(0x02);
     l.Fixed(0x00);
     l.Stuffed(orMask & 0xFF);
@@ -113,7 +115,7 @@ Layout BitLayout(const RW_VAR& v, int tns) {
 
 Layout IntLayout(const RW_VAR& v, int tns) {
     Layout l;
-    Head(l, 0x53, v.dataType == 2 ? 'B' : 'N', Digit(0), Digit((v.address / 256) & 0xFF),
+    Head(l, 0x53, v.dataType == ABCL_WORD_A ? 'B' : 'N', Digit(0), Digit((v.address / 256) & 0xFF),
          v.address % 256, tns);
     l.Fixed(0xC3);
     l.Stuffed((v.count >> 8) & 0xFF);
@@ -256,7 +258,7 @@ TEST_F(WriteFrameProperties, GeneratedWrites_DestuffToLayout_LengthAndBlockCheck
                                      : g.Uniform(0, 40);
             dataLength = g.DataLength(v.count > 0 ? 2 * v.count : 0);
         } else {
-            v.dataType = 4;
+            v.dataType = ABCL_REAL;
             v.address = g.WordAddress();
             v.count = g.Chance(10) ? g.Uniform(500, 700) : g.Uniform(-6, 80);
             const int n = v.count >= 2 ? v.count / 2 : 1;
@@ -377,9 +379,7 @@ QByteArray RemoteFields(const RW_VAR& v) {
 }
 
 void AppendSum(QByteArray& frame) {
-    unsigned sum = 0;
-    for (char c : frame) sum += static_cast<uint8_t>(c);
-    frame.append(static_cast<char>(sum & 0xFF));
+    frame.append(static_cast<char>(peer::RemoteChecksum(replies::ToBytes(frame))));
 }
 
 using RemoteFrameProperties = DriverTest;
@@ -434,7 +434,8 @@ TEST_F(RemoteFrameProperties, GeneratedRecords_PlainLayoutAndBookkeeping) {
         int dataBytes = 0;
         if (v.dataType >= 0 && v.dataType <= 3)
             dataBytes = static_cast<int>(static_cast<unsigned>(v.count) * 2u);
-        if (v.dataType == 4) dataBytes = static_cast<int>(static_cast<unsigned>(v.count) * 4u);
+        if (v.dataType == ABCL_REAL)
+            dataBytes = static_cast<int>(static_cast<unsigned>(v.count) * 4u);
 
         SCOPED_TRACE(Describe(v, tns) + " station " + std::to_string(v.station));
         ASSERT_EQ(2, PLC_driver.protocolList.size());
