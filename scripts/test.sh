@@ -2,7 +2,8 @@
 # The project's whole test suite, in every configuration the driver has to
 # survive:
 #
-#   native  x86-64, optimised, assertions kept
+#   native  x86-64, optimised, assertions kept; also checks the sources
+#           themselves (tests source.*: .clang-format, function length in tools/)
 #   asan    AddressSanitizer + UndefinedBehaviorSanitizer (leaks included)
 #   tsan    ThreadSanitizer, the tests labelled "thread" only
 #   armhf   cross-built for the 32-bit ARM panel and run under qemu-arm; the
@@ -56,7 +57,7 @@ elapsed() { local s=$1; printf '%dm%02ds' $((s / 60)) $((s % 60)); }
 
 # ---------------------------------------------------------------- packages --
 packages=(
-    cmake make g++ pkg-config file binutils
+    cmake make g++ pkg-config file binutils clang-format
     qtbase5-dev libgtest-dev libgmock-dev libbenchmark-dev
     crossbuild-essential-armhf qemu-user
     debian-archive-keyring
@@ -208,7 +209,7 @@ do_native() {
     [[ -f $repo_root/bench/CMakeLists.txt ]] && bench=ON
     configure_and_build "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
         -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="$opt_flags_native" -DCMAKE_CXX_FLAGS= \
-        -DABCL_SANITIZE= -DABCL_BUILD_BENCH=$bench -DABCL_BUILD_FUZZ=OFF || rc=$?
+        -DABCL_SANITIZE= -DABCL_BUILD_BENCH=$bench -DABCL_BUILD_FUZZ=OFF -DABCL_CHECK_SOURCES=ON || rc=$?
     test_build "$dir" $rc --no-tests=error
 }
 
