@@ -64,7 +64,8 @@ inline uint8_t BlockCheckOfFrame(const QByteArray& frame) {
 inline QByteArray Envelope(const QByteArray& lineBody, uint8_t blockCheck) {
     using namespace peer::df1;
     QByteArray out;
-    for (uint8_t b : {kDle, kAck, kDle, kStx}) out.append(static_cast<char>(b));
+    for (uint8_t b : std::initializer_list<uint8_t>{kDle, kAck, kDle, kStx})
+        out.append(static_cast<char>(b));
     out.append(lineBody);
     out.append(static_cast<char>(kDle)).append(static_cast<char>(kEtx));
     out.append(static_cast<char>(blockCheck));

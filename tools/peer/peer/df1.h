@@ -16,110 +16,130 @@
 
 namespace peer {
 
-
 namespace df1 {
-constexpr uint8_t kDle = 0x10;
-constexpr uint8_t kStx = 0x02;
-constexpr uint8_t kEtx = 0x03;
-constexpr uint8_t kAck = 0x06;
-constexpr uint8_t kNak = 0x15;
+// Link control characters.
+enum ControlByte : uint8_t {
+    kStx = 0x02,
+    kEtx = 0x03,
+    kAck = 0x06,
+    kDle = 0x10,
+    kNak = 0x15,
+};
 
 // Command byte of a message that carries a CIP request; a reply carries the
 // same command with kReplyFlag set.
-constexpr uint8_t kCmdCip = 0x0B;
-constexpr uint8_t kReplyFlag = 0x40;
+enum Command : uint8_t { kCmdCip = 0x0B, kReplyFlag = 0x40 };
 
 // Header status: the command was understood / it was not.
-constexpr uint8_t kStsSuccess = 0x00;
-constexpr uint8_t kStsIllegalCommand = 0x10;
+enum HeaderStatus : uint8_t { kStsSuccess = 0x00, kStsIllegalCommand = 0x10 };
 
-// DST SRC CMD STS TNS-low TNS-high.
-constexpr int kHeaderSize = 6;
-constexpr int kHeaderTnsLow = 4;
+// Positions in the un-stuffed body: DST SRC CMD STS TNS-low TNS-high, then
+// the message's own data.
+enum HeaderOffset : int {
+    kHeaderDst,
+    kHeaderSrc,
+    kHeaderCmd,
+    kHeaderSts,
+    kHeaderTnsLow,
+    kHeaderTnsHigh,
+    kHeaderSize
+};
 
-// Reply lead-in: DLE ACK for the request, then DLE STX.
-constexpr int kLeadInSize = 4;
-// DLE ETX and the block check character.
-constexpr int kTrailerSize = 3;
+// A message's lead-in (DLE ACK for the other side's last message, then
+// DLE STX) and trailer (DLE ETX and the block check character).
+enum EnvelopeSize : int { kLeadInSize = 4, kTrailerSize = 3 };
 }  // namespace df1
 
 namespace cip {
-// Services.
-constexpr uint8_t kMultipleServicePacket = 0x0A;
-constexpr uint8_t kReadTag = 0x4C;
-constexpr uint8_t kWriteTag = 0x4D;
-constexpr uint8_t kReadModifyWriteTag = 0x4E;
-constexpr uint8_t kReadTagFragmented = 0x52;
-constexpr uint8_t kWriteTagFragmented = 0x53;
-constexpr uint8_t kReplyFlag = 0x80;
+enum Service : uint8_t {
+    kMultipleServicePacket = 0x0A,
+    kReadTag = 0x4C,
+    kWriteTag = 0x4D,
+    kReadModifyWriteTag = 0x4E,
+    kReadTagFragmented = 0x52,
+    kWriteTagFragmented = 0x53,
+    kReplyFlag = 0x80,  // set in a reply's service byte
+};
 
-// Path segments.
-constexpr uint8_t kLogicalClass8 = 0x20;
-constexpr uint8_t kLogicalInstance8 = 0x24;
-constexpr uint8_t kClassMessageRouter = 0x02;
-constexpr uint8_t kAnsiExtendedSymbol = 0x91;
-constexpr uint8_t kMember8 = 0x28;
-constexpr uint8_t kMember16 = 0x29;
-constexpr uint8_t kMember32 = 0x2A;
+enum PathSegment : uint8_t {
+    kClassMessageRouter = 0x02,  // the class a logical class segment names
+    kLogicalClass8 = 0x20,
+    kLogicalInstance8 = 0x24,
+    kMember8 = 0x28,
+    kMember16 = 0x29,
+    kMember32 = 0x2A,
+    kAnsiExtendedSymbol = 0x91,
+};
 
 // Elementary data types (16-bit codes, low byte first on the wire).
-constexpr uint16_t kTypeInt = 0x00C3;
-constexpr uint16_t kTypeReal = 0x00CA;
+enum ElementType : uint16_t { kTypeInt = 0x00C3, kTypeReal = 0x00CA };
 
-// General status codes.
-constexpr uint8_t kSuccess = 0x00;
-constexpr uint8_t kPathSegmentError = 0x04;
-constexpr uint8_t kPathDestinationUnknown = 0x05;
-constexpr uint8_t kPartialTransfer = 0x06;
-constexpr uint8_t kServiceNotSupported = 0x08;
-constexpr uint8_t kReplyDataTooLarge = 0x11;
-constexpr uint8_t kNotEnoughData = 0x13;
-constexpr uint8_t kTooMuchData = 0x15;
-constexpr uint8_t kEmbeddedServiceError = 0x1E;
-constexpr uint8_t kInvalidParameter = 0x20;
-constexpr uint8_t kPathSizeInvalid = 0x26;
-constexpr uint8_t kGeneralError = 0xFF;
+enum GeneralStatus : uint8_t {
+    kSuccess = 0x00,
+    kPathSegmentError = 0x04,
+    kPathDestinationUnknown = 0x05,
+    kPartialTransfer = 0x06,
+    kServiceNotSupported = 0x08,
+    kReplyDataTooLarge = 0x11,
+    kNotEnoughData = 0x13,
+    kTooMuchData = 0x15,
+    kEmbeddedServiceError = 0x1E,
+    kInvalidParameter = 0x20,
+    kPathSizeInvalid = 0x26,
+    kGeneralError = 0xFF,
+};
 
 // Extended status words that go with kGeneralError.
-constexpr uint16_t kExtOffsetBeyondEnd = 0x2104;
-constexpr uint16_t kExtElementsBeyondEnd = 0x2105;
-constexpr uint16_t kExtDataTypeMismatch = 0x2107;
+enum ExtendedStatus : uint16_t {
+    kExtOffsetBeyondEnd = 0x2104,
+    kExtElementsBeyondEnd = 0x2105,
+    kExtDataTypeMismatch = 0x2107,
+};
 }  // namespace cip
 
 namespace remote {
 // Request: length, varId, aux2, linkNo, station, dataType(2), address(4),
 // count(2), aux12(4), aux13(4), [data], checksum.
-constexpr int kRequestFixedSize = 22;
-constexpr int kOffsetLength = 0;
-constexpr int kOffsetVarId = 1;
-constexpr int kOffsetAux2 = 2;
-constexpr int kOffsetLinkNo = 3;
-constexpr int kOffsetStation = 4;
-constexpr int kOffsetDataType = 5;
-constexpr int kOffsetAddress = 7;
-constexpr int kOffsetCount = 11;
-constexpr int kOffsetAux12 = 13;
-constexpr int kOffsetAux13 = 17;
-constexpr int kOffsetData = 21;
+enum RequestOffset : int {
+    kOffsetLength = 0,
+    kOffsetVarId = 1,
+    kOffsetAux2 = 2,
+    kOffsetLinkNo = 3,
+    kOffsetStation = 4,
+    kOffsetDataType = 5,
+    kOffsetAddress = 7,
+    kOffsetCount = 11,
+    kOffsetAux12 = 13,
+    kOffsetAux13 = 17,
+    kOffsetData = 21,
+    kRequestFixedSize = 22,  // a request without data, checksum included
+};
+
+// The variable kinds a request names: bits or words of the B files, bits
+// or words of the N files, REALs of the F files.
+enum VariableType : uint16_t { kBitOfB = 0, kBitOfN = 1, kWordOfB = 2, kWordOfN = 3, kReal = 4 };
 
 // Reply header commands and the write acknowledgement byte.
-constexpr uint8_t kCmdReadReply = 0x41;
-constexpr uint8_t kCmdWriteReply = 0x42;
-constexpr uint8_t kWriteDone = 0x06;
-constexpr uint8_t kWriteRefused = 0x15;
+enum ReplyCode : uint8_t {
+    kCmdReadReply = 0x41,
+    kCmdWriteReply = 0x42,
+    kWriteDone = 0x06,
+    kWriteRefused = 0x15,
+};
 
 // Reply header status: never 0x10, so the header never grows by doubling
 // except through the station and transaction bytes.
-constexpr uint8_t kStsOk = 0x00;
-constexpr uint8_t kStsNoSuchAddress = 0x05;
-constexpr uint8_t kStsTypeNotSupported = 0x08;
-constexpr uint8_t kStsNotEnoughData = 0x13;
+enum ReplyStatus : uint8_t {
+    kStsOk = 0x00,
+    kStsNoSuchAddress = 0x05,
+    kStsTypeNotSupported = 0x08,
+    kStsNotEnoughData = 0x13,
+};
 
 // A reply to a read is padded to this many bytes: the requester takes a
 // first reply of unknown length only when it has at least this size.
 constexpr int kMinReadReplySize = 27;
 }  // namespace remote
-
 
 // Block check character: the two's complement of the 8-bit sum of the bytes
 // (the un-stuffed body from DST up to the byte before DLE ETX).

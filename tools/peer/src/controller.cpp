@@ -9,11 +9,6 @@ namespace peer {
 
 namespace {
 
-constexpr int kDst = 0;
-constexpr int kSrc = 1;
-constexpr int kCmd = 2;
-constexpr int kSts = 3;
-constexpr int kTnsHigh = 5;
 // The two bytes that precede the CIP request in every message; the reply
 // carries them back in the same place.
 constexpr std::size_t kPrefixSize = 2;
@@ -24,17 +19,17 @@ std::optional<std::vector<uint8_t>> AnswerDf1Message(const std::vector<uint8_t>&
                                                      TagMemory& memory, std::size_t maxReplyData) {
     if (body.size() < static_cast<std::size_t>(df1::kHeaderSize)) return std::nullopt;
     // A reply that comes back to us is not a request.
-    if (body[kCmd] & df1::kReplyFlag) return std::nullopt;
+    if (body[df1::kHeaderCmd] & df1::kReplyFlag) return std::nullopt;
 
-    std::vector<uint8_t> reply = {body[kSrc],
-                                  body[kDst],
-                                  static_cast<uint8_t>(body[kCmd] | df1::kReplyFlag),
+    std::vector<uint8_t> reply = {body[df1::kHeaderSrc],
+                                  body[df1::kHeaderDst],
+                                  static_cast<uint8_t>(body[df1::kHeaderCmd] | df1::kReplyFlag),
                                   df1::kStsSuccess,
                                   body[df1::kHeaderTnsLow],
-                                  body[kTnsHigh]};
+                                  body[df1::kHeaderTnsHigh]};
     const std::size_t application = body.size() - df1::kHeaderSize;
-    if (body[kCmd] != df1::kCmdCip || application < kPrefixSize + 1) {
-        reply[kSts] = df1::kStsIllegalCommand;
+    if (body[df1::kHeaderCmd] != df1::kCmdCip || application < kPrefixSize + 1) {
+        reply[df1::kHeaderSts] = df1::kStsIllegalCommand;
         return reply;
     }
     const uint8_t* prefix = body.data() + df1::kHeaderSize;
@@ -142,8 +137,9 @@ void Controller::handleDf1Event(const Df1Event& event, int64_t nowMs,
     ++counters_.framesReceived;
     if (options_.detectDuplicates &&
         event.body.size() >= static_cast<std::size_t>(df1::kHeaderSize)) {
-        std::vector<uint8_t> key = {event.body[kSrc], event.body[kCmd],
-                                    event.body[df1::kHeaderTnsLow], event.body[kTnsHigh]};
+        std::vector<uint8_t> key = {event.body[df1::kHeaderSrc], event.body[df1::kHeaderCmd],
+                                    event.body[df1::kHeaderTnsLow],
+                                    event.body[df1::kHeaderTnsHigh]};
         if (lastHeader_ == key) {
             ++counters_.duplicates;
             if (!silentAt(nowMs)) out->push_back({{df1::kDle, df1::kAck}, 0});

@@ -18,13 +18,13 @@ uint32_t Be32(const uint8_t* p) {
 // File letter of a remote data type, 0 for an unknown type.
 char LetterOf(uint16_t dataType) {
     switch (dataType) {
-        case 0:
-        case 2:
+        case remote::kBitOfB:
+        case remote::kWordOfB:
             return 'B';
-        case 1:
-        case 3:
+        case remote::kBitOfN:
+        case remote::kWordOfN:
             return 'N';
-        case 4:
+        case remote::kReal:
             return 'F';
         default:
             return 0;
@@ -52,7 +52,6 @@ uint8_t WriteBits(const RemoteRequest& request, char letter, TagMemory& memory) 
 }
 
 }  // namespace
-
 
 std::optional<RemoteRequest> DecodeRemoteFrame(const uint8_t* p, std::size_t n) {
     if (n < static_cast<std::size_t>(remote::kRequestFixedSize)) return std::nullopt;
@@ -125,7 +124,7 @@ std::vector<uint8_t> AnswerRemoteRequest(const RemoteRequest& request, TagMemory
             status = remote::kStsTypeNotSupported;
         } else if (request.data.empty()) {
             status = remote::kStsOk;  // nothing to write
-        } else if (request.dataType <= 1) {
+        } else if (request.dataType == remote::kBitOfB || request.dataType == remote::kBitOfN) {
             status = WriteBits(request, letter, memory);
         } else {
             const std::size_t size = ElementSize(letter);
