@@ -14,14 +14,19 @@
 // fixed one (not DLE) so that frames and reply lengths repeat.
 constexpr uint8_t kFirstTns = 0x21;
 
-inline void WireFreshDriver(ComInfo& info, int maxCount = 32) {
-    ResetDriverForTest();
+// A zeroed settings record with a single-station panel's defaults.
+inline void DefaultSettings(ComInfo& info, int maxCount = 32) {
     std::memset(&info, 0, sizeof info);
     info.maxCount = maxCount;
     info.defaultStation = 1;
     info.retryLimit = 2;
     info.localLinkNo = 0;
     info.writeMode = 2;
+}
+
+inline void WireFreshDriver(ComInfo& info, int maxCount = 32) {
+    ResetDriverForTest();
+    DefaultSettings(info, maxCount);
     SetComInfo(&info);
     PLC_driver.tns = kFirstTns;
 }

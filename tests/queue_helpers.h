@@ -3,22 +3,33 @@
 #ifndef ABCL_QUEUE_HELPERS_H
 #define ABCL_QUEUE_HELPERS_H
 
-#include "ab_controllogix_compactlogix.h"
+#include "test_support.h"
 
 #include <QtCore/QString>
 
-// A word read of 'N' file 7 (aux2 0: the reply carries data).
+#include <cstdint>
+
+// A one-word-wide request to 'N' file 7 as the host would queue it.
+inline RW_VAR WordRecord(int varId, int varSubId, int aux2, int element, int count, int station,
+                         int linkNo) {
+    return RecordBuilder()
+        .Ids(varId, varSubId)
+        .Host(aux2, 0)
+        .Link(linkNo)
+        .Texts(QString("7:%1").arg(element))
+        .At(ABCL_WORD_B, 7 * 256 + element, count, station);
+}
+
+// A word read (aux2 0: the reply carries data).
 inline RW_VAR WordRead(int varId, int element, int count, int station = 1, int linkNo = 0) {
-    RW_VAR v;
-    v.varId = varId;
-    v.varSubId = -1;
-    v.aux2 = 0;
-    v.linkNo = linkNo;
-    v.dataType = ABCL_WORD_B;
-    v.addrText = QString("7:%1").arg(element);
-    v.address = 7 * 256 + element;
-    v.station = station;
-    v.count = count;
+    return WordRecord(varId, -1, 0, element, count, station, linkNo);
+}
+
+// A one-word write (aux2 1: the reply only confirms), value low byte first.
+inline RW_VAR WordWrite(int varId, int element, uint16_t value, int station = 1, int linkNo = 0) {
+    RW_VAR v = WordRecord(varId, 0, 1, element, 1, station, linkNo);
+    v.data.append(static_cast<char>(value & 0xFF));
+    v.data.append(static_cast<char>(value >> 8));
     return v;
 }
 

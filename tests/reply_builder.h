@@ -169,6 +169,24 @@ inline uint32_t FloatBits(float f) {
     return bits;
 }
 
+// A request frame as the controller reads it: the lead-in (DLE ACK DLE STX)
+// and the trailer (DLE ETX, block check) as they are, and of every DLE pair
+// between them one byte kept. The driver leaves its TNS undoubled, so a frame
+// with a TNS of DLE does not read back through the peer; this reading keeps
+// a lone DLE as itself.
+inline QByteArray UndoubledRequest(const QByteArray& frame) {
+    constexpr int kLeadIn = 4;
+    constexpr int kTrailer = 3;
+    const int bodyEnd = frame.size() - kTrailer;
+    QByteArray out = frame.left(kLeadIn);
+    for (int i = kLeadIn; i < bodyEnd; ++i) {
+        out.append(frame[i]);
+        if (At(frame, i) == kDle && i + 1 < bodyEnd && At(frame, i + 1) == kDle) ++i;
+    }
+    out.append(frame.mid(bodyEnd > kLeadIn ? bodyEnd : kLeadIn));
+    return out;
+}
+
 // The one tag service a request frame carries, as the peer reads it: the
 // frame's body after the DF1 header and the two bytes before the CIP
 // request. Nothing when the frame or its request cannot be read.

@@ -79,22 +79,6 @@ std::vector<uint8_t> UndoubledLayout(const Generated& g, int* subjectDles, int* 
     return f;
 }
 
-// Undoes DLE doubling between the lead-in and the trailer: a DLE followed by a
-// DLE is one data byte 0x10; a lone DLE is itself.
-std::vector<uint8_t> Undouble(const QByteArray& frame) {
-    std::vector<uint8_t> out;
-    const int bodyEnd = frame.size() - 3;  // DLE ETX BCC follow
-    for (int i = 0; i < 4 && i < frame.size(); ++i) out.push_back(static_cast<uint8_t>(frame[i]));
-    for (int i = 4; i < bodyEnd; ++i) {
-        const auto b = static_cast<uint8_t>(frame[i]);
-        out.push_back(b);
-        if (b == kDle && i + 1 < bodyEnd && static_cast<uint8_t>(frame[i + 1]) == kDle) ++i;
-    }
-    for (int i = bodyEnd > 4 ? bodyEnd : 4; i < frame.size(); ++i)
-        out.push_back(static_cast<uint8_t>(frame[i]));
-    return out;
-}
-
 std::string HexOf(const std::vector<uint8_t>& bytes) {
     return ToHex(
         QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size())));
@@ -132,20 +116,23 @@ Generated Generate(std::mt19937& rng) {
     return g;
 }
 
-class FrameProperties : public DriverTest {};
+class FrameProperties : public DriverTest {
+protected:
+    // The generated read, built into an otherwise empty request queue.
+    static void BuildAlone(const Generated& g) {
+        PLC_driver.protocolList.clear();
+        PLC_driver.tns = g.tns;
+        RW_VAR v = RecordBuilder().At(g.dataType, g.address, g.count);
+        ReadRegister(&v);
+    }
+};
 
 TEST_F(FrameProperties, UndoublingGivesTheFixedLayoutAndBlockCheck) {
     std::mt19937 rng(20240611u);
     int framesWithDoubling = 0;
     for (int iteration = 0; iteration < 5000; ++iteration) {
         const Generated g = Generate(rng);
-        PLC_driver.protocolList.clear();
-        PLC_driver.tns = g.tns;
-        RW_VAR v;
-        v.dataType = g.dataType;
-        v.address = g.address;
-        v.count = g.count;
-        ReadRegister(&v);
+        BuildAlone(g);
         ASSERT_EQ(PLC_driver.protocolList.size(), 1) << "iteration " << iteration;
         const Protocol& p = PLC_driver.protocolList.first();
 
@@ -160,7 +147,7 @@ TEST_F(FrameProperties, UndoublingGivesTheFixedLayoutAndBlockCheck) {
 
         ASSERT_EQ(p.frame.size(), 45 + dles) << where;
         ASSERT_EQ(p.frameLen, 45 + dles) << where;
-        ASSERT_EQ(HexOf(Undouble(p.frame)), HexOf(expected)) << where;
+        ASSERT_EQ(ToHex(replies::UndoubledRequest(p.frame)), HexOf(expected)) << where;
         ASSERT_EQ(p.replyLen, -1) << where;
         ASSERT_EQ(p.dataPos, 26) << where;
         ASSERT_EQ(p.dataBytes, dataBytes) << where;
@@ -177,13 +164,7 @@ TEST_F(FrameProperties, DoubledBytesAreExactlyTheSubjectBytes) {
     std::mt19937 rng(77u);
     for (int iteration = 0; iteration < 2000; ++iteration) {
         const Generated g = Generate(rng);
-        PLC_driver.protocolList.clear();
-        PLC_driver.tns = g.tns;
-        RW_VAR v;
-        v.dataType = g.dataType;
-        v.address = g.address;
-        v.count = g.count;
-        ReadRegister(&v);
+        BuildAlone(g);
         ASSERT_EQ(PLC_driver.protocolList.size(), 1);
         const QByteArray& frame = PLC_driver.protocolList.first().frame;
         // Up to offset 31 nothing is ever doubled, so those bytes stand where the layout puts them.

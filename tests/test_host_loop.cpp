@@ -73,11 +73,7 @@ protected:
         g_calls.clear();
         std::string problem;
         ASSERT_TRUE(plugin.load(ABCL_PLUGIN_PATH, &problem)) << problem;
-        std::memset(&info, 0, sizeof info);
-        info.maxCount = 32;
-        info.defaultStation = 1;
-        info.retryLimit = 2;
-        info.writeMode = 2;
+        DefaultSettings(info);
         info.hostContext = 31337;
         info.startFlagA = 7;
         info.startFlagB = 7;

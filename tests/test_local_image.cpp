@@ -15,28 +15,6 @@
 
 namespace {
 
-// A copy of the three areas, to tell exactly which elements a call changed.
-struct ImageSnapshot {
-    std::vector<uint16_t> a, b;
-    std::vector<uint32_t> d;
-    ImageSnapshot()
-        : a(PLC_driver.areaA, PLC_driver.areaA + kAreaElements),
-          b(PLC_driver.areaB, PLC_driver.areaB + kAreaElements),
-          d(PLC_driver.areaD, PLC_driver.areaD + kAreaElements) {}
-};
-
-// "A1802", "B0", "D2048": the elements that differ from the snapshot.
-std::vector<std::string> Changes(const ImageSnapshot& before) {
-    std::vector<std::string> out;
-    for (int i = 0; i < kAreaElements; ++i)
-        if (PLC_driver.areaA[i] != before.a[i]) out.push_back("A" + std::to_string(i));
-    for (int i = 0; i < kAreaElements; ++i)
-        if (PLC_driver.areaB[i] != before.b[i]) out.push_back("B" + std::to_string(i));
-    for (int i = 0; i < kAreaElements; ++i)
-        if (PLC_driver.areaD[i] != before.d[i]) out.push_back("D" + std::to_string(i));
-    return out;
-}
-
 using Names = std::vector<std::string>;
 
 // (dataType, address, count, data) of every queued write.
@@ -202,7 +180,7 @@ TEST_F(GetData, ImageUnchangedByReading) {
     Get(0, "7:10/0", &out, 40);
     Get(2, "7:10", &out, 40);
     Get(4, "7:10", &out, 40);
-    EXPECT_EQ(Changes(before), Names{});
+    EXPECT_EQ(before.Changes(), Names{});
 }
 
 // ---- SetRegisterData: rejected and image-only writes ------------------------------
@@ -218,7 +196,7 @@ TEST_F(SetData, InvalidAddress_ReturnsZeroNothingQueuedOrWritten) {
     info.writeMode = 1;
     EXPECT_EQ(Set(3, "", Hex("01 00"), 1), 0);
     EXPECT_TRUE(PLC_driver.writeList.isEmpty());
-    EXPECT_EQ(Changes(before), Names{});
+    EXPECT_EQ(before.Changes(), Names{});
 }
 
 TEST_F(SetData, WriteMode1_OnlyTheImageChanges) {
@@ -242,7 +220,7 @@ TEST_F(SetData, WriteMode1_EveryTypeGoesToItsArea) {
     EXPECT_EQ(PLC_driver.areaB[256], 0xBEEF);
     EXPECT_EQ(PLC_driver.areaD[2048], 0x11223344u);
     EXPECT_EQ(PLC_driver.areaD[2049], 0xAABBCCDDu);
-    EXPECT_EQ(Changes(before), (Names{"A1802", "B256", "B1802", "D2048", "D2049"}));
+    EXPECT_EQ(before.Changes(), (Names{"A1802", "B256", "B1802", "D2048", "D2049"}));
 }
 
 TEST_F(SetData, AnyWriteModeButTwo_OnlyTheImage) {
@@ -260,7 +238,7 @@ TEST_F(SetData, WriteMode1_OtherDataTypeReturnsOneChangesNothing) {
     info.writeMode = 1;
     const ImageSnapshot before;
     EXPECT_EQ(Set(5, "12", Hex("01 02 03 04"), 2), 1);
-    EXPECT_EQ(Changes(before), Names{});
+    EXPECT_EQ(before.Changes(), Names{});
     EXPECT_TRUE(PLC_driver.writeList.isEmpty());
 }
 
@@ -269,7 +247,7 @@ TEST_F(SetData, WriteMode1_MultiStationKeepsNoImage) {
     info.multiStation = 1;
     const ImageSnapshot before;
     EXPECT_EQ(Set(2, "7:10", Hex("34 12"), 1), 1);
-    EXPECT_EQ(Changes(before), Names{});
+    EXPECT_EQ(before.Changes(), Names{});
 }
 
 TEST_F(SetData, WriteMode1_ShortArrayKeepsMissingElements) {
@@ -297,13 +275,13 @@ TEST_F(SetData, Bits_MirroredWhileTheLinkHasFailed_OnlyOneSets) {
     QByteArray out;
     Get(1, "7:10/3", &out, 3);
     EXPECT_EQ(ToHex(out), "01 00 00");
-    EXPECT_EQ(Changes(before), Names{"B1802"});
+    EXPECT_EQ(before.Changes(), Names{"B1802"});
 }
 
 TEST_F(SetData, Bits_NotMirroredWhileTheLinkIsGood) {
     const ImageSnapshot before;
     EXPECT_EQ(Set(0, "7:10/3", Hex("01 01 01"), 3), 3);
-    EXPECT_EQ(Changes(before), Names{});
+    EXPECT_EQ(before.Changes(), Names{});
 }
 
 TEST_F(SetData, Bits_ShortArrayWritesZero) {
@@ -321,10 +299,7 @@ TEST_F(SetData, Bits_ZeroOrNegativeCount_ReturnsZero) {
 }
 
 TEST_F(SetData, Bits_ResultIsTheQueueLength) {
-    RW_VAR other;
-    other.dataType = ABCL_WORD_A;
-    other.address = 1;
-    other.count = 1;
+    RW_VAR other = RecordBuilder().At(ABCL_WORD_A, 1, 1);
     AddListWriteVar(&other, 0);
     EXPECT_EQ(Set(0, "7:10/3", Hex("01 01"), 2), 3);
     // The same bits again: each replaces its pending write.
@@ -341,21 +316,14 @@ TEST_F(SetData, WriteRecord_FieldsFromArgumentsAndSettings) {
     EXPECT_EQ(SetRegisterData(QStringLiteral("tag"), 2, QStringLiteral("7:10"), 99, &in, 1, 11, 12),
               1);
     ASSERT_EQ(PLC_driver.writeList.size(), 1);
-    const RW_VAR& w = PLC_driver.writeList[0];
-    EXPECT_EQ(w.varId, 11);
-    EXPECT_EQ(w.varSubId, 12);
-    EXPECT_EQ(w.aux2, 1);
-    EXPECT_EQ(w.aux3, 5);
-    EXPECT_EQ(w.linkNo, 6);
-    EXPECT_EQ(w.addrText2, QStringLiteral("tag"));
-    EXPECT_EQ(w.addrText, QStringLiteral("7:10"));
-    EXPECT_EQ(w.dataType, 2);
-    EXPECT_EQ(w.address, 1802);
-    EXPECT_EQ(w.station, 7);
-    EXPECT_EQ(w.count, 1);
-    EXPECT_EQ(w.aux12, 0);
-    EXPECT_EQ(w.aux13, 0);
-    EXPECT_EQ(ToHex(w.data), "34 12");
+    ExpectSameRecord(RecordBuilder()
+                         .Ids(11, 12)
+                         .Host(1, 5)
+                         .Link(6)
+                         .Texts(QStringLiteral("7:10"), QStringLiteral("tag"))
+                         .At(2, 1802, 1, 7)
+                         .Data(Hex("34 12")),
+                     PLC_driver.writeList[0]);
 }
 
 TEST_F(SetData, MultiStation_StationFromTheArgumentAndNoMirror) {
@@ -367,7 +335,7 @@ TEST_F(SetData, MultiStation_StationFromTheArgumentAndNoMirror) {
     EXPECT_EQ(Set(2, "7:10", Hex("34 12"), 1, 43), 2);
     EXPECT_EQ(PLC_driver.writeList[0].station, 42);
     EXPECT_EQ(PLC_driver.writeList[1].station, 43);
-    EXPECT_EQ(Changes(before), Names{});
+    EXPECT_EQ(before.Changes(), Names{});
 }
 
 // ---- SetRegisterData: word and 32-bit writes -------------------------------------
@@ -399,13 +367,13 @@ TEST_F(SetData, Words_MirroredWhileTheLinkHasFailed) {
     EXPECT_EQ(Set(2, "7:10", Ramp(20), 10), 3);
     for (int i = 0; i < 10; ++i)
         EXPECT_EQ(PLC_driver.areaA[1802 + i], (2 * i) + 256 * (2 * i + 1)) << "word " << i;
-    EXPECT_EQ(Changes(before).size(), 10u);
+    EXPECT_EQ(before.Changes().size(), 10u);
 }
 
 TEST_F(SetData, Words_NotMirroredWhileTheLinkIsGood) {
     const ImageSnapshot before;
     EXPECT_EQ(Set(2, "7:10", Ramp(20), 10), 1);
-    EXPECT_EQ(Changes(before), Names{});
+    EXPECT_EQ(before.Changes(), Names{});
 }
 
 TEST_F(SetData, Real_ByteOffsetTwoPerCountUnitAddressStepMaxCount) {
@@ -428,7 +396,7 @@ TEST_F(SetData, Real_MirroredPiecesLeaveGaps) {
     EXPECT_EQ(PLC_driver.areaD[2052], 0x0B0A0908u);
     EXPECT_EQ(PLC_driver.areaD[2053], 0x0F0E0D0Cu);
     EXPECT_EQ(PLC_driver.areaD[2056], 0x13121110u);
-    EXPECT_EQ(Changes(before), (Names{"D2048", "D2049", "D2052", "D2053", "D2056"}));
+    EXPECT_EQ(before.Changes(), (Names{"D2048", "D2049", "D2052", "D2053", "D2056"}));
 }
 
 TEST_F(SetData, ZeroMaxCount_OneWriteOfTheFullCount) {
@@ -455,7 +423,7 @@ TEST_F(SetData, WriteMode2_OtherDataType_ReturnsZero) {
     EXPECT_EQ(Set(5, "12", Ramp(4), 2), 0);
     EXPECT_EQ(Set(-1, "12", Ramp(4), 2), 0);
     EXPECT_TRUE(PLC_driver.writeList.isEmpty());
-    EXPECT_EQ(Changes(before), Names{});
+    EXPECT_EQ(before.Changes(), Names{});
 }
 
 TEST_F(SetData, RepeatedWrite_ReplacesThePendingOne) {
@@ -485,7 +453,7 @@ TEST_F(SetData, CountsAboveTheWriteLimit_Refused) {
     EXPECT_EQ(Set(3, "0:0", in, INT_MAX), 0);
     EXPECT_EQ(Set(4, "0:0", in, INT_MAX), 0);
     EXPECT_TRUE(PLC_driver.writeList.isEmpty());
-    EXPECT_EQ(Changes(before), Names{});
+    EXPECT_EQ(before.Changes(), Names{});
 }
 
 TEST_F(SetData, WriteMode1_CountsAboveTheWriteLimit_Refused) {
@@ -495,7 +463,7 @@ TEST_F(SetData, WriteMode1_CountsAboveTheWriteLimit_Refused) {
     EXPECT_EQ(Set(0, "0:0/0", in, INT_MAX), 0);
     EXPECT_EQ(Set(2, "0:0", in, kMaxWriteCount + 1), 0);
     EXPECT_EQ(Set(4, "0:0", in, INT_MAX), 0);
-    EXPECT_EQ(Changes(before), Names{});
+    EXPECT_EQ(before.Changes(), Names{});
 }
 
 // ---- range safety at the ends of the areas ----------------------------------------
@@ -555,7 +523,7 @@ TEST_F(AreaEdges, SetWordAtTopWithCount3_GuardUntouched) {
     const ImageSnapshot before;
     EXPECT_EQ(Set(2, "255:255", Hex("11 22 33 44 55 66"), 3), 1);
     EXPECT_EQ(PLC_driver.areaA[65535], 0x2211);
-    EXPECT_EQ(Changes(before), Names{"A65535"});
+    EXPECT_EQ(before.Changes(), Names{"A65535"});
 }
 
 TEST_F(AreaEdges, SetSecondAreaWordAtTop_GuardUntouched) {
@@ -563,7 +531,7 @@ TEST_F(AreaEdges, SetSecondAreaWordAtTop_GuardUntouched) {
     const ImageSnapshot before;
     EXPECT_EQ(Set(3, "255:255", Hex("11 22 33 44 55 66"), 3), 1);
     EXPECT_EQ(PLC_driver.areaB[65535], 0x2211);
-    EXPECT_EQ(Changes(before), Names{"B65535"});
+    EXPECT_EQ(before.Changes(), Names{"B65535"});
 }
 
 TEST_F(AreaEdges, MirroredWordWriteAtTop_GuardUntouched) {
@@ -571,7 +539,7 @@ TEST_F(AreaEdges, MirroredWordWriteAtTop_GuardUntouched) {
     const ImageSnapshot before;
     EXPECT_EQ(Set(2, "255:255", Hex("11 22 33 44 55 66"), 3), 1);
     EXPECT_EQ(Writes(), (std::vector<Queued>{{2, 65535, 3, "11 22 33 44 55 66"}}));
-    EXPECT_EQ(Changes(before), Names{"A65535"});
+    EXPECT_EQ(before.Changes(), Names{"A65535"});
 }
 
 TEST_F(AreaEdges, SetRealAtTop_OnlyTheLastValue) {
@@ -579,7 +547,7 @@ TEST_F(AreaEdges, SetRealAtTop_OnlyTheLastValue) {
     const ImageSnapshot before;
     EXPECT_EQ(Set(4, "255:255", Ramp(12), 6), 1);
     EXPECT_EQ(PLC_driver.areaD[65535], 0x03020100u);
-    EXPECT_EQ(Changes(before), Names{"D65535"});
+    EXPECT_EQ(before.Changes(), Names{"D65535"});
 }
 
 TEST_F(AreaEdges, SetBitsNearTop_TwoBitsWritten) {
@@ -587,7 +555,7 @@ TEST_F(AreaEdges, SetBitsNearTop_TwoBitsWritten) {
     const ImageSnapshot before;
     EXPECT_EQ(Set(0, "255:255/14", Hex("01 01 01 01"), 4), 1);
     EXPECT_EQ(PLC_driver.areaA[65535], 0xC000);
-    EXPECT_EQ(Changes(before), Names{"A65535"});
+    EXPECT_EQ(before.Changes(), Names{"A65535"});
 }
 
 TEST_F(AreaEdges, SecondAreaBitsNearTop_TwoBitsWritten) {
@@ -595,7 +563,7 @@ TEST_F(AreaEdges, SecondAreaBitsNearTop_TwoBitsWritten) {
     const ImageSnapshot before;
     EXPECT_EQ(Set(1, "255:255/14", Hex("01 01 01 01"), 4), 1);
     EXPECT_EQ(PLC_driver.areaB[65535], 0xC000);
-    EXPECT_EQ(Changes(before), Names{"B65535"});
+    EXPECT_EQ(before.Changes(), Names{"B65535"});
 }
 
 TEST_F(AreaEdges, MirroredBitWritesNearTop_TwoBitsWritten) {
@@ -607,7 +575,7 @@ TEST_F(AreaEdges, MirroredBitWritesNearTop_TwoBitsWritten) {
                                              {0, 1048576, 1, "01"},
                                              {0, 1048577, 1, "01"}}));
     EXPECT_EQ(PLC_driver.areaA[65535], 0xC000);
-    EXPECT_EQ(Changes(before), Names{"A65535"});
+    EXPECT_EQ(before.Changes(), Names{"A65535"});
 }
 
 TEST_F(AreaEdges, SetPastTheEnd_NothingChanges) {
@@ -616,14 +584,14 @@ TEST_F(AreaEdges, SetPastTheEnd_NothingChanges) {
     EXPECT_EQ(Set(4, "300:0", Ramp(16), 8), 1);
     EXPECT_EQ(Set(3, "300:0", Ramp(16), 8), 1);
     EXPECT_EQ(Set(0, "4096:0/0", Hex("01 01"), 2), 1);
-    EXPECT_EQ(Changes(before), Names{});
+    EXPECT_EQ(before.Changes(), Names{});
 }
 
 TEST_F(AreaEdges, MirroredRealWritePastTheEnd_NothingChanges) {
     setCommError(true);
     const ImageSnapshot before;
     EXPECT_EQ(Set(4, "300:0", Ramp(16), 8), 1);
-    EXPECT_EQ(Changes(before), Names{});
+    EXPECT_EQ(before.Changes(), Names{});
 }
 
 TEST_F(AreaEdges, GetHugeCounts_CopyTheAreaOnly) {
@@ -661,7 +629,7 @@ TEST_F(AreaEdges, SetHelpersHugeCounts_StopAtTheArea) {
     EXPECT_EQ(PLC_driver.areaA[65535], 0x0403);
     EXPECT_EQ(PLC_driver.areaB[65535], 0xC000);
     EXPECT_EQ(PLC_driver.areaD[65535], 0x03020100u);
-    EXPECT_EQ(Changes(before), (Names{"A65534", "A65535", "B65535", "D65535"}));
+    EXPECT_EQ(before.Changes(), (Names{"A65534", "A65535", "B65535", "D65535"}));
 }
 
 TEST_F(AreaEdges, SetHelpersNegativeIndex_SkipThoseElements) {
@@ -671,7 +639,7 @@ TEST_F(AreaEdges, SetHelpersNegativeIndex_SkipThoseElements) {
     SetWordToUI(-1, PLC_driver.areaD, Ramp(8), 4);
     EXPECT_EQ(PLC_driver.areaB[0], 0x4432);
     EXPECT_EQ(PLC_driver.areaD[0], 0x07060504u);
-    EXPECT_EQ(Changes(before), (Names{"B0", "D0"}));
+    EXPECT_EQ(before.Changes(), (Names{"B0", "D0"}));
 }
 
 TEST_F(AreaEdges, GetHelpersNegativeIndex_SkippedBytesKept) {
@@ -705,7 +673,7 @@ TEST_F(AreaEdges, WriteDataToLocalHugeCount_StaysInTheArea) {
     EXPECT_EQ(PLC_driver.areaA[65535], 0x0201);
     EXPECT_EQ(PLC_driver.areaD[65535], 0x03020100u);
     EXPECT_EQ(PLC_driver.areaB[65535], 0x8000);
-    EXPECT_EQ(Changes(before), (Names{"A65535", "B65535", "D65535"}));
+    EXPECT_EQ(before.Changes(), (Names{"A65535", "B65535", "D65535"}));
 }
 
 TEST_F(AreaEdges, WriteDataToLocalIndexesPastTheEnd_NothingChanges) {
@@ -722,7 +690,7 @@ TEST_F(AreaEdges, WriteDataToLocalIndexesPastTheEnd_NothingChanges) {
         w.address = INT_MIN;
         WriteDataToLocal(&w);
     }
-    EXPECT_EQ(Changes(before), Names{});
+    EXPECT_EQ(before.Changes(), Names{});
 }
 
 // ---- WriteDataToLocal ---------------------------------------------------------
@@ -755,7 +723,7 @@ TEST_F(LocalWrite, EachTypeToItsArea) {
     EXPECT_EQ(PLC_driver.areaB[10], 0x0201);
     EXPECT_EQ(PLC_driver.areaB[11], 0x0403);
     EXPECT_EQ(PLC_driver.areaD[10], 0x04030201u);
-    EXPECT_EQ(Changes(before), (Names{"A3", "A10", "A11", "B3", "B10", "B11", "D10"}));
+    EXPECT_EQ(before.Changes(), (Names{"A3", "A10", "A11", "B3", "B10", "B11", "D10"}));
 }
 
 TEST_F(LocalWrite, MultiStationOrOtherType_NothingChanges) {
@@ -771,7 +739,7 @@ TEST_F(LocalWrite, MultiStationOrOtherType_NothingChanges) {
     info.multiStation = 1;
     w.dataType = ABCL_WORD_A;
     WriteDataToLocal(&w);
-    EXPECT_EQ(Changes(before), Names{});
+    EXPECT_EQ(before.Changes(), Names{});
 }
 
 // ---- the byte helpers -----------------------------------------------------------

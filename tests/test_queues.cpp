@@ -12,17 +12,12 @@
 namespace {
 
 RW_VAR Write(int station, int dataType, int address, int count, const char* data, int varId = 1) {
-    RW_VAR v;
-    v.varId = varId;
-    v.varSubId = 0;
-    v.aux2 = 1;
-    v.station = station;
-    v.dataType = dataType;
-    v.address = address;
-    v.count = count;
-    v.data = Hex(data);
-    v.addrText = QStringLiteral("%1").arg(address);
-    return v;
+    return RecordBuilder()
+        .Ids(varId, 0)
+        .Host(1, 0)
+        .Texts(QStringLiteral("%1").arg(address))
+        .At(dataType, address, count, station)
+        .Data(Hex(data));
 }
 
 using Piece = std::tuple<int, int>;  // (address, count)
@@ -96,29 +91,17 @@ TEST_F(WriteQueue, Replacement_CopiesEveryField) {
     RW_VAR b = Write(1, 2, 100, 1, "02 00");
     AddListWriteVar(&a, 0);
     AddListWriteVar(&b, 0);
-    RW_VAR c = Write(1, 2, 100, 1, "03 00", 7);
-    c.varSubId = 8;
-    c.aux2 = 5;
-    c.aux3 = 6;
-    c.linkNo = 4;
-    c.result = 3;
-    c.addrText = QStringLiteral("new text");
-    c.addrText2 = QStringLiteral("new text 2");
-    c.aux12 = 12;
-    c.aux13 = 13;
-    EXPECT_EQ(AddListWriteVar(&c, 0), 2);
-    const RW_VAR& e = PLC_driver.writeList[1];
-    EXPECT_EQ(e.varId, 7);
-    EXPECT_EQ(e.varSubId, 8);
-    EXPECT_EQ(e.aux2, 5);
-    EXPECT_EQ(e.aux3, 6);
-    EXPECT_EQ(e.linkNo, 4);
-    EXPECT_EQ(e.result, 3);
-    EXPECT_EQ(e.addrText, QStringLiteral("new text"));
-    EXPECT_EQ(e.addrText2, QStringLiteral("new text 2"));
-    EXPECT_EQ(e.aux12, 12);
-    EXPECT_EQ(e.aux13, 13);
-    EXPECT_EQ(ToHex(e.data), "03 00");
+    // Same station, type, address and count as the pending write; every other field new.
+    const RW_VAR newer = RecordBuilder()
+                             .Ids(7, 8)
+                             .Host(5, 6, 12, 13)
+                             .Link(4, 3)
+                             .Texts(QStringLiteral("new text"), QStringLiteral("new text 2"))
+                             .At(2, 100, 1, 1)
+                             .Data(Hex("03 00"));
+    RW_VAR sent = newer;
+    EXPECT_EQ(AddListWriteVar(&sent, 0), 2);
+    ExpectSameRecord(newer, PLC_driver.writeList[1]);
 }
 
 TEST_F(WriteQueue, SamenessNeedsStationTypeAddressAndCount) {

@@ -18,27 +18,19 @@ constexpr int kTypeWordA = 2;
 constexpr int kTypeWordB = 3;
 constexpr int kTypeReal = 4;
 
-int WordAddress(int file, int element) { return file * 256 + element; }
+int WordAddress(int file, int element) {
+    return file * 256 + element;
+}
 
 // A record with every field set, so that copying can be checked field by field.
 RW_VAR Record(int dataType, int address, int count) {
-    RW_VAR v;
-    v.varId = 31;
-    v.varSubId = 32;
-    v.aux2 = 0;
-    v.aux3 = 34;
-    v.linkNo = 35;
-    v.result = 36;
-    v.addrText2 = QStringLiteral("second text");
-    v.addrText = QStringLiteral("7:0");
-    v.dataType = dataType;
-    v.address = address;
-    v.station = 37;
-    v.count = count;
-    v.aux12 = 38;
-    v.aux13 = 39;
-    v.data = Hex("DE AD BE EF");
-    return v;
+    return RecordBuilder()
+        .Ids(31, 32)
+        .Host(0, 34, 38, 39)
+        .Link(35, 36)
+        .Texts(QStringLiteral("7:0"), QStringLiteral("second text"))
+        .At(dataType, address, count, 37)
+        .Data(Hex("DE AD BE EF"));
 }
 
 class ReadFrames : public DriverTest {
@@ -108,108 +100,139 @@ TEST_P(ReadFrameBytes, FrameEndsInDleEtxAndItsBlockCheck) {
 const FrameRow kFrameRows[] = {
     // The three worked examples.
     {"N007_Element0_Count10_Tns21", kTypeWordB, WordAddress(7, 0), 10, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 00 00 00 0A 00 00 00 00 00 00 00 10 03 78",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 "
+     "00 00 00 0A 00 00 00 00 00 00 00 10 03 78",
      20},
     {"B003_Element16_Count2_Tns05", kTypeWordA, WordAddress(3, 16), 2, 0x05,
-     "10 06 10 02 00 00 0B 00 05 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 42 30 30 33 29 00 10 10 00 02 00 00 00 00 00 00 00 10 03 9C",
+     "10 06 10 02 00 00 0B 00 05 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 42 30 30 33 29 "
+     "00 10 10 00 02 00 00 00 00 00 00 00 10 03 9C",
      4},
     {"F008_Element4_Count2_Tns21", kTypeReal, WordAddress(8, 4), 2, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 46 30 30 38 29 00 04 00 01 00 00 00 00 00 00 00 10 03 84",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 46 30 30 38 29 "
+     "00 04 00 01 00 00 00 00 00 00 00 10 03 84",
      4},
     // The same requests for the bit types of the same files.
     {"N007_BitType_SameFrame", kTypeBitB, WordAddress(7, 0), 10, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 00 00 00 0A 00 00 00 00 00 00 00 10 03 78",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 "
+     "00 00 00 0A 00 00 00 00 00 00 00 10 03 78",
      20},
     {"B003_BitType_SameFrame", kTypeBitA, WordAddress(3, 16), 2, 0x05,
-     "10 06 10 02 00 00 0B 00 05 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 42 30 30 33 29 00 10 10 00 02 00 00 00 00 00 00 00 10 03 9C",
+     "10 06 10 02 00 00 0B 00 05 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 42 30 30 33 29 "
+     "00 10 10 00 02 00 00 00 00 00 00 00 10 03 9C",
      4},
     // Element counts.
     {"Count16_DoublesLowCountByte", kTypeWordB, WordAddress(7, 0), 16, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 00 00 00 10 10 00 00 00 00 00 00 00 10 03 72",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 "
+     "00 00 00 10 10 00 00 00 00 00 00 00 10 03 72",
      32},
     {"Count256_HighByteFirst", kTypeWordB, WordAddress(7, 0), 256, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 00 00 01 00 00 00 00 00 00 00 00 10 03 81",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 "
+     "00 00 01 00 00 00 00 00 00 00 00 10 03 81",
      512},
     {"Count4096_DoublesHighCountByte", kTypeWordB, WordAddress(7, 0), 4096, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 00 00 10 10 00 00 00 00 00 00 00 00 10 03 72",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 "
+     "00 00 10 10 00 00 00 00 00 00 00 00 10 03 72",
      8192},
     {"Count0x1010_DoublesBothCountBytes", kTypeWordB, WordAddress(7, 0), 0x1010, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 00 00 10 10 10 10 00 00 00 00 00 00 00 10 03 62",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 "
+     "00 00 10 10 10 10 00 00 00 00 00 00 00 10 03 62",
      8224},
     {"CountMinusOne_EncodedByteForByte", kTypeWordB, WordAddress(7, 0), -1, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 00 00 FF FF 00 00 00 00 00 00 00 10 03 84",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 "
+     "00 00 FF FF 00 00 00 00 00 00 00 10 03 84",
      -2},
     // The 32-bit read asks for one element less than the count, at least one.
     {"Real_Count5_RequestsFour", kTypeReal, WordAddress(8, 4), 5, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 46 30 30 38 29 00 04 00 04 00 00 00 00 00 00 00 10 03 81",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 46 30 30 38 29 "
+     "00 04 00 04 00 00 00 00 00 00 00 10 03 81",
      16},
     {"Real_Count1_RequestsOne", kTypeReal, WordAddress(8, 4), 1, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 46 30 30 38 29 00 04 00 01 00 00 00 00 00 00 00 10 03 84",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 46 30 30 38 29 "
+     "00 04 00 01 00 00 00 00 00 00 00 10 03 84",
      4},
     {"Real_Count0_RequestsOne", kTypeReal, WordAddress(8, 4), 0, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 46 30 30 38 29 00 04 00 01 00 00 00 00 00 00 00 10 03 84",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 46 30 30 38 29 "
+     "00 04 00 01 00 00 00 00 00 00 00 10 03 84",
      4},
     {"Real_CountMinus7_RequestsOne", kTypeReal, WordAddress(8, 4), -7, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 46 30 30 38 29 00 04 00 01 00 00 00 00 00 00 00 10 03 84",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 46 30 30 38 29 "
+     "00 04 00 01 00 00 00 00 00 00 00 10 03 84",
      4},
     {"Real_Count17_RequestsSixteenDoubled", kTypeReal, WordAddress(8, 4), 17, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 46 30 30 38 29 00 04 00 10 10 00 00 00 00 00 00 00 10 03 75",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 46 30 30 38 29 "
+     "00 04 00 10 10 00 00 00 00 00 00 00 10 03 75",
      64},
     // Element 16 is doubled and shifts everything after it.
     {"Element16_DoublesElementByte", kTypeWordB, WordAddress(7, 16), 10, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 00 10 10 00 0A 00 00 00 00 00 00 00 10 03 68",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 "
+     "00 10 10 00 0A 00 00 00 00 00 00 00 10 03 68",
      20},
     // File digits past 9.
     {"File10_NameEndsInA", kTypeWordB, WordAddress(10, 0), 1, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 41 29 00 00 00 01 00 00 00 00 00 00 00 10 03 77",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 41 29 "
+     "00 00 00 01 00 00 00 00 00 00 00 10 03 77",
      2},
     {"File11_NameEndsInB", kTypeWordB, WordAddress(11, 0), 1, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 42 29 00 00 00 01 00 00 00 00 00 00 00 10 03 76",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 42 29 "
+     "00 00 00 01 00 00 00 00 00 00 00 10 03 76",
      2},
     {"File12_NameEndsInC", kTypeWordB, WordAddress(12, 0), 1, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 43 29 00 00 00 01 00 00 00 00 00 00 00 10 03 75",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 43 29 "
+     "00 00 00 01 00 00 00 00 00 00 00 10 03 75",
      2},
     {"File13_NameEndsInD", kTypeWordB, WordAddress(13, 0), 1, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 44 29 00 00 00 01 00 00 00 00 00 00 00 10 03 74",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 44 29 "
+     "00 00 00 01 00 00 00 00 00 00 00 10 03 74",
      2},
     {"File14_NameEndsInE", kTypeWordB, WordAddress(14, 0), 1, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 45 29 00 00 00 01 00 00 00 00 00 00 00 10 03 73",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 45 29 "
+     "00 00 00 01 00 00 00 00 00 00 00 10 03 73",
      2},
     {"File15_NameEndsInF", kTypeWordB, WordAddress(15, 0), 1, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 46 29 00 00 00 01 00 00 00 00 00 00 00 10 03 72",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 46 29 "
+     "00 00 00 01 00 00 00 00 00 00 00 10 03 72",
      2},
     {"File16_NameEndsInG", kTypeWordB, WordAddress(16, 0), 1, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 47 29 00 00 00 01 00 00 00 00 00 00 00 10 03 71",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 47 29 "
+     "00 00 00 01 00 00 00 00 00 00 00 10 03 71",
      2},
     // DigitalToASCII(217) is 0x110: not DLE as a whole, so 0x10 goes out once.
     {"File217_NameByte0x10_NotDoubled", kTypeWordB, WordAddress(217, 0), 1, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 10 29 00 00 00 01 00 00 00 00 00 00 00 10 03 A8",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 10 29 "
+     "00 00 00 01 00 00 00 00 00 00 00 10 03 A8",
      2},
     // Only the low byte of the file number names the tag.
     {"File473_SameNameAsFile217", kTypeWordB, WordAddress(473, 0), 1, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 10 29 00 00 00 01 00 00 00 00 00 00 00 10 03 A8",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 10 29 "
+     "00 00 00 01 00 00 00 00 00 00 00 10 03 A8",
      2},
     // A block check of 0x10 goes out once.
     {"BlockCheck0x10_NotDoubled", kTypeWordB, WordAddress(7, 0), 114, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 00 00 00 72 00 00 00 00 00 00 00 10 03 10",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 "
+     "00 00 00 72 00 00 00 00 00 00 00 10 03 10",
      228},
     // A first transaction number of 0x10 goes out once and counts once.
     {"Tns0x10_NotDoubled", kTypeWordB, WordAddress(7, 0), 10, 0x10,
-     "10 06 10 02 00 00 0B 00 10 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 00 00 00 0A 00 00 00 00 00 00 00 10 03 89",
+     "10 06 10 02 00 00 0B 00 10 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 "
+     "00 00 00 0A 00 00 00 00 00 00 00 10 03 89",
      20},
     // Only the low byte of the transaction counter is sent.
     {"Tns0x121_SendsLowByte", kTypeWordB, WordAddress(7, 0), 10, 0x121,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 00 00 00 0A 00 00 00 00 00 00 00 10 03 78",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 "
+     "00 00 00 0A 00 00 00 00 00 00 00 10 03 78",
      20},
     // Negative addresses: truncating division, pad byte 0xFF for a negative element.
     {"AddressMinus1_PadAndElementFF", kTypeWordA, -1, 1, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 42 30 30 30 29 FF FF 00 01 00 00 00 00 00 00 00 10 03 96",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 42 30 30 30 29 "
+     "FF FF 00 01 00 00 00 00 00 00 00 10 03 96",
      2},
     {"AddressMinus240_ElementByte0x10Doubled", kTypeWordA, -240, 1, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 42 30 30 30 29 FF 10 10 00 01 00 00 00 00 00 00 00 10 03 85",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 42 30 30 30 29 "
+     "FF 10 10 00 01 00 00 00 00 00 00 00 10 03 85",
      2},
     {"AddressMinus256_FileMinus1", kTypeWordA, -256, 1, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 42 30 30 36 29 00 00 00 01 00 00 00 00 00 00 00 10 03 8E",
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 42 30 30 36 29 "
+     "00 00 00 01 00 00 00 00 00 00 00 10 03 8E",
      2},
 };
 
@@ -221,7 +244,8 @@ INSTANTIATE_TEST_SUITE_P(Rows, ReadFrameBytes, ::testing::ValuesIn(kFrameRows),
 // ------------------------------------------------------------- dispatch rules
 
 TEST_F(ReadFrames, WordAndBitTypesOfOneAreaGiveIdenticalFrames) {
-    for (int address : {WordAddress(7, 0), WordAddress(3, 16), WordAddress(217, 255), WordAddress(16, 16)}) {
+    for (int address :
+         {WordAddress(7, 0), WordAddress(3, 16), WordAddress(217, 255), WordAddress(16, 16)}) {
         for (int count : {1, 16, 300}) {
             const QByteArray bitA = BuildOne(kTypeBitA, address, count, 0x33).frame;
             PLC_driver.protocolList.clear();
@@ -272,7 +296,8 @@ TEST_P(UnsupportedType, LeavesExistingQueueAsItWas) {
     EXPECT_EQ(ToHex(PLC_driver.protocolList.first().frame), "AA BB");
 }
 
-INSTANTIATE_TEST_SUITE_P(Types, UnsupportedType, ::testing::Values(5, -1, 6, 100, INT_MIN, INT_MAX));
+INSTANTIATE_TEST_SUITE_P(Types, UnsupportedType,
+                         ::testing::Values(5, -1, 6, 100, INT_MIN, INT_MAX));
 
 // ---------------------------------------------------------------- queuing
 
@@ -325,21 +350,7 @@ TEST_F(ReadFrames, ProtocolHoldsAFullCopyOfTheRecord) {
     ReadRegister(&v);
     ASSERT_EQ(PLC_driver.protocolList.size(), 1);
     const RW_VAR& c = PLC_driver.protocolList.first().var;
-    EXPECT_EQ(c.varId, 31);
-    EXPECT_EQ(c.varSubId, 32);
-    EXPECT_EQ(c.aux2, 0);
-    EXPECT_EQ(c.aux3, 34);
-    EXPECT_EQ(c.linkNo, 35);
-    EXPECT_EQ(c.result, 36);
-    EXPECT_EQ(c.addrText2, QStringLiteral("second text"));
-    EXPECT_EQ(c.addrText, QStringLiteral("7:0"));
-    EXPECT_EQ(c.dataType, kTypeWordB);
-    EXPECT_EQ(c.address, WordAddress(7, 3));
-    EXPECT_EQ(c.station, 37);
-    EXPECT_EQ(c.count, 10);
-    EXPECT_EQ(c.aux12, 38);
-    EXPECT_EQ(c.aux13, 39);
-    EXPECT_EQ(ToHex(c.data), "DE AD BE EF");
+    ExpectSameRecord(Record(kTypeWordB, WordAddress(7, 3), 10), c);
 
     // A copy, not a reference: changing the caller's record changes nothing queued.
     v.addrText = QStringLiteral("changed");
@@ -389,14 +400,16 @@ TEST_F(ReadFrames, ElementCountBytesAreBits8To15And0To7) {
 // ---------------------------------------------------------- block check walk
 
 TEST(RequestBlockCheck, ExamplesWithoutDoubling) {
-    const QByteArray frame = Hex(
-        "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 30 37 29 00 00 00 0A 00 00 00 00 00 00 00 10 03");
+    const QByteArray frame =
+        Hex("10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 "
+            "30 37 29 00 00 00 0A 00 00 00 00 00 00 00 10 03");
     EXPECT_EQ(RequestBlockCheck(frame), 0x78);
 }
 
 TEST(RequestBlockCheck, DoubledElementCountsOnce) {
-    const QByteArray frame = Hex(
-        "10 06 10 02 00 00 0B 00 05 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 42 30 30 33 29 00 10 10 00 02 00 00 00 00 00 00 00 10 03");
+    const QByteArray frame =
+        Hex("10 06 10 02 00 00 0B 00 05 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 42 30 "
+            "30 33 29 00 10 10 00 02 00 00 00 00 00 00 00 10 03");
     EXPECT_EQ(RequestBlockCheck(frame), 0x9C);
 }
 

@@ -256,40 +256,19 @@ TEST_F(ReadList, Requests_FilledFromTheTemplate) {
     host.Add(0, "7:10/3", 20, "bits");
     ASSERT_EQ(Rebuild(), 2);
 
-    const RW_VAR& bits = PLC_driver.readList[0];
-    EXPECT_EQ(bits.varId, 0);
-    EXPECT_EQ(bits.varSubId, -1);
-    EXPECT_EQ(bits.aux2, 0);
-    EXPECT_EQ(bits.aux3, 7);
-    EXPECT_EQ(bits.linkNo, 3);
-    EXPECT_EQ(bits.result, 0);
-    EXPECT_EQ(bits.addrText, QStringLiteral("7:10/3"));
-    EXPECT_EQ(bits.addrText2, QStringLiteral("bits"));
-    EXPECT_EQ(bits.dataType, 0);
-    EXPECT_EQ(bits.address, 1802);
-    EXPECT_EQ(bits.station, 9);
-    EXPECT_EQ(bits.count, 2);
-    EXPECT_EQ(bits.aux12, 0);
-    EXPECT_EQ(bits.aux13, 0);
-    EXPECT_TRUE(bits.data.isEmpty());
-
+    // Every request: no identifiers, data expected back, the settings' fields.
+    const auto request = [](int dataType, int address, int count, const char* text,
+                            const char* text2) -> RW_VAR {
+        return RecordBuilder()
+            .Ids(0, -1)
+            .Host(0, 7)
+            .Link(3)
+            .Texts(QString::fromLatin1(text), QString::fromLatin1(text2))
+            .At(dataType, address, count, 9);
+    };
+    ExpectSameRecord(request(0, 1802, 2, "7:10/3", "bits"), PLC_driver.readList[0]);
     // A merged request keeps the texts of the variable that opened it.
-    const RW_VAR& words = PLC_driver.readList[1];
-    EXPECT_EQ(words.varId, 0);
-    EXPECT_EQ(words.varSubId, -1);
-    EXPECT_EQ(words.aux2, 0);
-    EXPECT_EQ(words.aux3, 7);
-    EXPECT_EQ(words.linkNo, 3);
-    EXPECT_EQ(words.result, 0);
-    EXPECT_EQ(words.addrText, QStringLiteral("0:10"));
-    EXPECT_EQ(words.addrText2, QStringLiteral("first"));
-    EXPECT_EQ(words.dataType, 2);
-    EXPECT_EQ(words.address, 10);
-    EXPECT_EQ(words.station, 9);
-    EXPECT_EQ(words.count, 14);
-    EXPECT_EQ(words.aux12, 0);
-    EXPECT_EQ(words.aux13, 0);
-    EXPECT_TRUE(words.data.isEmpty());
+    ExpectSameRecord(request(2, 10, 14, "0:10", "first"), PLC_driver.readList[1]);
 }
 
 TEST_F(ReadList, SettingsReadAtRebuildTime) {
@@ -428,38 +407,20 @@ TEST_F(ReadList, HostItems_NotChanged) {
 // ---- AddListReadVar ---------------------------------------------------------
 
 TEST_F(ReadList, AddListReadVar_AppendsACopyWithoutParsing) {
-    RW_VAR var;
-    var.varId = 3;
-    var.varSubId = 4;
-    var.aux2 = 9;
-    var.addrText = QStringLiteral("not an address");
-    var.addrText2 = QStringLiteral("t2");
-    var.dataType = 9;
-    var.address = 123456;
-    var.station = 77;
-    var.count = -3;
-    var.aux12 = 12;
-    var.aux13 = 13;
-    var.data = Hex("01 02");
+    const RW_VAR original = RecordBuilder()
+                                .Ids(3, 4)
+                                .Host(9, 0, 12, 13)
+                                .Texts(QStringLiteral("not an address"), QStringLiteral("t2"))
+                                .At(9, 123456, -3, 77)
+                                .Data(Hex("01 02"));
+    RW_VAR var = original;
     EXPECT_EQ(AddListReadVar(&var), 1);
     EXPECT_EQ(AddListReadVar(&var), 2);  // duplicates too
 
     var.address = 1;
     var.data[0] = 0x7F;
     var.addrText = QStringLiteral("changed");
-    const RW_VAR& stored = PLC_driver.readList[0];
-    EXPECT_EQ(stored.varId, 3);
-    EXPECT_EQ(stored.varSubId, 4);
-    EXPECT_EQ(stored.aux2, 9);
-    EXPECT_EQ(stored.addrText, QStringLiteral("not an address"));
-    EXPECT_EQ(stored.addrText2, QStringLiteral("t2"));
-    EXPECT_EQ(stored.dataType, 9);
-    EXPECT_EQ(stored.address, 123456);
-    EXPECT_EQ(stored.station, 77);
-    EXPECT_EQ(stored.count, -3);
-    EXPECT_EQ(stored.aux12, 12);
-    EXPECT_EQ(stored.aux13, 13);
-    EXPECT_EQ(ToHex(stored.data), "01 02");
+    ExpectSameRecord(original, PLC_driver.readList[0]);
 }
 
 TEST_F(ReadList, AddListReadVar_AppendsBehindARebuiltList) {

@@ -28,22 +28,13 @@ struct Fields {
 constexpr Fields kN007 = {0x101, 0, 1, 2, 3, 0x705, 10, 0, 0};
 
 RW_VAR Record(const Fields& f, const QByteArray& data = QByteArray()) {
-    RW_VAR var;
-    var.varId = f.varId;
-    var.varSubId = 99;
-    var.aux2 = f.aux2;
-    var.aux3 = 1;
-    var.linkNo = f.linkNo;
-    var.addrText = QStringLiteral("7:5");
-    var.addrText2 = QStringLiteral("panel");
-    var.dataType = f.dataType;
-    var.address = f.address;
-    var.station = f.station;
-    var.count = f.count;
-    var.aux12 = f.aux12;
-    var.aux13 = f.aux13;
-    var.data = data;
-    return var;
+    return RecordBuilder()
+        .Ids(f.varId, 99)
+        .Host(f.aux2, 1, f.aux12, f.aux13)
+        .Link(f.linkNo)
+        .Texts(QStringLiteral("7:5"), QStringLiteral("panel"))
+        .At(f.dataType, f.address, f.count, f.station)
+        .Data(data);
 }
 
 // Low byte of the plain byte sum of everything before the checksum byte.
@@ -52,20 +43,6 @@ uint8_t ChecksumOf(const QByteArray& frame) {
     for (int i = 0; i < frame.size() - 1; ++i) sum += static_cast<uint8_t>(frame[i]);
     return static_cast<uint8_t>(sum & 0xFF);
 }
-
-struct ImageSnapshot {
-    std::vector<uint16_t> a, b;
-    std::vector<uint32_t> d;
-    ImageSnapshot()
-        : a(PLC_driver.areaA, PLC_driver.areaA + kAreaElements),
-          b(PLC_driver.areaB, PLC_driver.areaB + kAreaElements),
-          d(PLC_driver.areaD, PLC_driver.areaD + kAreaElements) {}
-    bool Unchanged() const {
-        return std::memcmp(a.data(), PLC_driver.areaA, sizeof PLC_driver.areaA) == 0 &&
-               std::memcmp(b.data(), PLC_driver.areaB, sizeof PLC_driver.areaB) == 0 &&
-               std::memcmp(d.data(), PLC_driver.areaD, sizeof PLC_driver.areaD) == 0;
-    }
-};
 
 // ---- frames written out byte for byte ----------------------------------------
 
@@ -87,7 +64,7 @@ void PrintTo(const RemoteRow& row, std::ostream* os) {
     *os << row.name;
 }
 
-class RemoteFrameRows : public DriverTest, public ::testing::WithParamInterface<RemoteRow> {};
+using RemoteFrameRows = RowTest<RemoteRow>;
 
 TEST_P(RemoteFrameRows, BuildsFrameAndBookkeeping) {
     const RemoteRow& row = GetParam();

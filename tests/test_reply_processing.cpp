@@ -19,23 +19,6 @@ using replies::WriteReply;
 
 constexpr uint8_t kTns = 0x21;
 
-RW_VAR WordWrite(int varId, int element, uint16_t value, int station = 1, int linkNo = 0) {
-    RW_VAR v;
-    v.varId = varId;
-    v.varSubId = 0;
-    v.aux2 = 1;
-    v.linkNo = linkNo;
-    v.dataType = ABCL_WORD_B;
-    v.addrText = QString("7:%1").arg(element);
-    v.address = 7 * 256 + element;
-    v.station = station;
-    v.count = 1;
-    v.data.append(static_cast<char>(value & 0xFF));
-    v.data.append(static_cast<char>(value >> 8));
-    return v;
-}
-
-
 struct CallbackCall {
     int context, varId, varSubId, status;
     bool operator==(const CallbackCall& o) const {
@@ -308,7 +291,7 @@ struct OutcomeRow {
     int expected;
 };
 
-class OutcomeCodes : public ReplyProcessing, public ::testing::WithParamInterface<OutcomeRow> {};
+using OutcomeCodes = RowTest<OutcomeRow, ReplyProcessing>;
 
 TEST_P(OutcomeCodes, ReportedWithVariableSubCode) {
     const OutcomeRow& row = GetParam();
@@ -581,41 +564,20 @@ TEST_F(ReplyProcessing, TwoExchangeRead_SecondReplyOfOtherLengthIsRetried) {
 // ---- handing the record back ---------------------------------------------------------
 
 TEST_F(ReplyProcessing, PassRetValue_CopiesEveryFieldButEmptiesData) {
-    RW_VAR src;
-    src.varId = 1;
-    src.varSubId = 2;
-    src.aux2 = 3;
-    src.aux3 = 4;
-    src.linkNo = 5;
-    src.result = 6;
-    src.addrText2 = "second";
-    src.addrText = "7:10";
-    src.dataType = 7;
-    src.address = 8;
-    src.station = 9;
-    src.count = 10;
-    src.aux12 = 11;
-    src.aux13 = 12;
-    src.data = Hex("AA BB");
+    RW_VAR src = RecordBuilder()
+                     .Ids(1, 2)
+                     .Host(3, 4, 11, 12)
+                     .Link(5, 6)
+                     .Texts("7:10", "second")
+                     .At(7, 8, 10, 9)
+                     .Data(Hex("AA BB"));
+    RW_VAR expected = src;
+    expected.data.clear();
     RW_VAR dst;
     dst.data = Hex("01 02 03");
     dst.addrText = "old";
     passRetValue(&src, &dst);
-    EXPECT_EQ(dst.varId, 1);
-    EXPECT_EQ(dst.varSubId, 2);
-    EXPECT_EQ(dst.aux2, 3);
-    EXPECT_EQ(dst.aux3, 4);
-    EXPECT_EQ(dst.linkNo, 5);
-    EXPECT_EQ(dst.result, 6);
-    EXPECT_EQ(dst.addrText2, QString("second"));
-    EXPECT_EQ(dst.addrText, QString("7:10"));
-    EXPECT_EQ(dst.dataType, 7);
-    EXPECT_EQ(dst.address, 8);
-    EXPECT_EQ(dst.station, 9);
-    EXPECT_EQ(dst.count, 10);
-    EXPECT_EQ(dst.aux12, 11);
-    EXPECT_EQ(dst.aux13, 12);
-    EXPECT_TRUE(dst.data.isEmpty());
+    ExpectSameRecord(expected, dst);
     EXPECT_EQ(ToHex(src.data), "AA BB") << "the source keeps its data";
 }
 

@@ -545,7 +545,7 @@ struct RoundTripRow {
     int tns;
 };
 
-class ReadRoundTrip : public ReplyStorage, public ::testing::WithParamInterface<RoundTripRow> {};
+using ReadRoundTrip = RowTest<RoundTripRow, ReplyStorage>;
 
 TEST_P(ReadRoundTrip, ReplyPassesChecksAndLandsAtTheRequestedElements) {
     const RoundTripRow& row = GetParam();

@@ -15,24 +15,6 @@ using replies::RequestTns;
 
 constexpr uint8_t kTns = 0x21;
 
-// A one-word write to 'N' file 7 as the host would queue it (aux2 1: the reply
-// only confirms).
-RW_VAR WordWrite(int varId, int element, uint16_t value, int station = 1) {
-    RW_VAR v;
-    v.varId = varId;
-    v.varSubId = 0;
-    v.aux2 = 1;
-    v.linkNo = 0;
-    v.dataType = ABCL_WORD_B;
-    v.addrText = QString("7:%1").arg(element);
-    v.address = 7 * 256 + element;
-    v.station = station;
-    v.count = 1;
-    v.data.append(static_cast<char>(value & 0xFF));
-    v.data.append(static_cast<char>(value >> 8));
-    return v;
-}
-
 class Scheduler : public DriverTest {
 protected:
     void SetUp() override {

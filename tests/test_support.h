@@ -14,6 +14,7 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 // "10 06 10 02" -> bytes. Blanks are ignored.
 inline QByteArray Hex(const char* text) {
@@ -22,15 +23,7 @@ inline QByteArray Hex(const char* text) {
 
 // bytes -> "10 06 10 02", upper case, for readable failure messages.
 inline std::string ToHex(const QByteArray& bytes) {
-    std::string out;
-    static const char digits[] = "0123456789ABCDEF";
-    for (int i = 0; i < bytes.size(); ++i) {
-        const auto b = static_cast<unsigned char>(bytes[i]);
-        if (i) out += ' ';
-        out += digits[b >> 4];
-        out += digits[b & 15];
-    }
-    return out;
+    return bytes.toHex(' ').toUpper().toStdString();
 }
 
 // Names each row of a table-driven test after the row's `name`.
@@ -60,6 +53,79 @@ inline void ExpectSameRecord(const RW_VAR& expected, const RW_VAR& actual) {
     EXPECT_EQ(ToHex(expected.data), ToHex(actual.data));
 }
 
+// A variable record filled field group by field group; whatever is not named
+// keeps the record's own default (zero, empty).
+class RecordBuilder {
+public:
+    RecordBuilder& Ids(int varId, int varSubId) {
+        v_.varId = varId;
+        v_.varSubId = varSubId;
+        return *this;
+    }
+    // The host fields: reply kind, then the three copied through.
+    RecordBuilder& Host(int aux2, int aux3, int aux12 = 0, int aux13 = 0) {
+        v_.aux2 = aux2;
+        v_.aux3 = aux3;
+        v_.aux12 = aux12;
+        v_.aux13 = aux13;
+        return *this;
+    }
+    RecordBuilder& Link(int linkNo, int result = 0) {
+        v_.linkNo = linkNo;
+        v_.result = result;
+        return *this;
+    }
+    RecordBuilder& Texts(const QString& addrText, const QString& addrText2 = QString()) {
+        v_.addrText = addrText;
+        v_.addrText2 = addrText2;
+        return *this;
+    }
+    RecordBuilder& At(int dataType, int address, int count, int station = 0) {
+        v_.dataType = dataType;
+        v_.address = address;
+        v_.count = count;
+        v_.station = station;
+        return *this;
+    }
+    RecordBuilder& Data(const QByteArray& data) {
+        v_.data = data;
+        return *this;
+    }
+    RW_VAR Build() const { return v_; }
+    operator RW_VAR() const { return v_; }
+
+private:
+    RW_VAR v_;
+};
+
+// A copy of the three areas, to tell exactly which elements a call changed.
+struct ImageSnapshot {
+    std::vector<uint16_t> a, b;
+    std::vector<uint32_t> d;
+    ImageSnapshot()
+        : a(PLC_driver.areaA, PLC_driver.areaA + kAreaElements),
+          b(PLC_driver.areaB, PLC_driver.areaB + kAreaElements),
+          d(PLC_driver.areaD, PLC_driver.areaD + kAreaElements) {}
+
+    // "A1802", "B0", "D2048": the elements that differ from the snapshot.
+    std::vector<std::string> Changes() const {
+        std::vector<std::string> out;
+        AddChanges(&out, "A", a.data(), PLC_driver.areaA);
+        AddChanges(&out, "B", b.data(), PLC_driver.areaB);
+        AddChanges(&out, "D", d.data(), PLC_driver.areaD);
+        return out;
+    }
+    bool Unchanged() const { return Changes().empty(); }
+
+private:
+    template <class T>
+    static void AddChanges(std::vector<std::string>* out, const char* area, const T* before,
+                           const T* now) {
+        for (int i = 0; i < kAreaElements; ++i)
+            if (now[i] != before[i]) out->push_back(area + std::to_string(i));
+    }
+};
+
 // A driver as right after loading, wired to a zeroed settings record that the
 // test owns (`info`), with single-station defaults a panel would use.
 class DriverTest : public ::testing::Test {
@@ -69,5 +135,9 @@ protected:
 
     ComInfo info;
 };
+
+// The fixture of a table-driven test: `Base`'s set-up, one `Row` per case.
+template <class Row, class Base = DriverTest>
+class RowTest : public Base, public ::testing::WithParamInterface<Row> {};
 
 #endif

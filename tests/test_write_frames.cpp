@@ -15,22 +15,12 @@
 namespace {
 
 RW_VAR Record(int dataType, int address, int count, const QByteArray& data) {
-    RW_VAR var;
-    var.varId = 0x101;
-    var.varSubId = 7;
-    var.aux2 = 1;
-    var.aux3 = 0;
-    var.linkNo = 0;
-    var.addrText = QStringLiteral("7:0");
-    var.addrText2 = QStringLiteral("second");
-    var.dataType = dataType;
-    var.address = address;
-    var.station = 1;
-    var.count = count;
-    var.aux12 = 12;
-    var.aux13 = 13;
-    var.data = data;
-    return var;
+    return RecordBuilder()
+        .Ids(0x101, 7)
+        .Host(1, 0, 12, 13)
+        .Texts(QStringLiteral("7:0"), QStringLiteral("second"))
+        .At(dataType, address, count, 1)
+        .Data(data);
 }
 
 // The block check a request frame must carry, worked out by the peer.
@@ -48,20 +38,6 @@ void ExpectOneWrite(const QByteArray& expected) {
     EXPECT_EQ(0, p.dataPos);
     EXPECT_EQ(0, p.dataBytes);
 }
-
-struct ImageSnapshot {
-    std::vector<uint16_t> a, b;
-    std::vector<uint32_t> d;
-    ImageSnapshot()
-        : a(PLC_driver.areaA, PLC_driver.areaA + kAreaElements),
-          b(PLC_driver.areaB, PLC_driver.areaB + kAreaElements),
-          d(PLC_driver.areaD, PLC_driver.areaD + kAreaElements) {}
-    bool Unchanged() const {
-        return std::memcmp(a.data(), PLC_driver.areaA, sizeof PLC_driver.areaA) == 0 &&
-               std::memcmp(b.data(), PLC_driver.areaB, sizeof PLC_driver.areaB) == 0 &&
-               std::memcmp(d.data(), PLC_driver.areaD, sizeof PLC_driver.areaD) == 0;
-    }
-};
 
 bool BitOf(const uint16_t* area, int bitAddress) {
     return ((area[bitAddress / 16] >> (bitAddress % 16)) & 1) != 0;
@@ -86,7 +62,7 @@ void PrintTo(const FrameRow& row, std::ostream* os) {
     *os << row.name;
 }
 
-class WriteFrameRows : public DriverTest, public ::testing::WithParamInterface<FrameRow> {};
+using WriteFrameRows = RowTest<FrameRow>;
 
 TEST_P(WriteFrameRows, BuildsFrameByteForByte) {
     const FrameRow& row = GetParam();

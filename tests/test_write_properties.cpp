@@ -7,6 +7,8 @@
 // reads are checked the same way against their plain layout.
 #include "test_support.h"
 
+#include "reply_builder.h"
+
 #include "Func_Remote.h"
 #include "Func_Write.h"
 #include "reply_builder.h"
@@ -144,22 +146,6 @@ Layout RealLayout(const RW_VAR& v, int tns) {
     return l;
 }
 
-// The receiving side's view of a frame up to and including ETX: of every pair
-// of DLE bytes one is kept.
-QByteArray Destuff(const QByteArray& throughEtx) {
-    QByteArray out;
-    for (int i = 0; i < throughEtx.size();) {
-        const auto b = static_cast<uint8_t>(throughEtx[i]);
-        out.append(static_cast<char>(b));
-        if (b == 0x10 && i + 1 < throughEtx.size() &&
-            static_cast<uint8_t>(throughEtx[i + 1]) == 0x10)
-            i += 2;
-        else
-            i += 1;
-    }
-    return out;
-}
-
 // ---- generation -------------------------------------------------------------
 
 class Generator {
@@ -295,7 +281,7 @@ TEST_F(WriteFrameProperties, GeneratedWrites_DestuffToLayout_LengthAndBlockCheck
         const QByteArray& frame = p.frame;
         ASSERT_EQ(frame.size(), p.frameLen);
         ASSERT_GE(frame.size(), 3);
-        EXPECT_EQ(ToHex(layoutBytes), ToHex(Destuff(frame.left(frame.size() - 1))));
+        EXPECT_EQ(ToHex(layoutBytes), ToHex(replies::UndoubledRequest(frame).chopped(1)));
         EXPECT_EQ(expected.size() + 1 + expected.Doublings(), p.frameLen);
         EXPECT_EQ(expected.Bcc(), static_cast<uint8_t>(frame.back()));
         EXPECT_EQ(27, p.replyLen);
@@ -351,7 +337,7 @@ TEST_F(WriteFrameProperties, ShortValueArrays_NothingReadBeyondThem) {
                                 : c.dataType <= 3 ? IntLayout(v, 0x21)
                                                   : RealLayout(v, 0x21);
         const QByteArray& frame = PLC_driver.protocolList.first().frame;
-        EXPECT_EQ(ToHex(expected.Bytes()), ToHex(Destuff(frame.left(frame.size() - 1))));
+        EXPECT_EQ(ToHex(expected.Bytes()), ToHex(replies::UndoubledRequest(frame).chopped(1)));
         EXPECT_EQ(expected.Bcc(), static_cast<uint8_t>(frame.back()));
         PLC_driver.protocolList.clear();  // before the buffer goes
     }
