@@ -1,21 +1,13 @@
 #include "e2e_host.h"
 
-#include "df1_reply.h"
+#include "peer/profile.h"
 
-#include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <dlfcn.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <termios.h>
-#include <unistd.h>
 
 namespace e2e {
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 std::vector<Callback> g_callbacks;
 
@@ -33,131 +25,11 @@ uint16_t g_hostRwi[256];
 
 // A scratch word that no test reads: the first exchange of every test
 // writes it.
-constexpr const char* kScratchAddress = "7:255";
-constexpr int kScratchElement = 255;
+const std::string kScratchAddress = std::to_string(peer::profile::kScratchFile) + ":" +
+                                    std::to_string(peer::profile::kScratchElement);
 constexpr int kPrimeVarId = 11;
 
-bool BaudCode(int baud, speed_t* code) {
-    switch (baud) {
-        case 9600: *code = B9600; return true;
-        case 19200: *code = B19200; return true;
-        case 38400: *code = B38400; return true;
-        case 57600: *code = B57600; return true;
-        case 115200: *code = B115200; return true;
-        case 230400: *code = B230400; return true;
-        default: return false;
-    }
-}
-
-int MsLeft(Clock::time_point deadline) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    return left > 0 ? static_cast<int>(left) : 0;
-}
-
 }  // namespace
-
-// ---- the host's line -----------------------------------------------------------
-
-HostLine::~HostLine() {
-    if (fd_ >= 0) ::close(fd_);
-}
-
-bool HostLine::open(const std::string& path, int baud, std::string* error) {
-    speed_t code;
-    if (!BaudCode(baud, &code)) {
-        *error = "unsupported baud rate " + std::to_string(baud);
-        return false;
-    }
-    fd_ = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    if (fd_ < 0) {
-        *error = "cannot open " + path + ": " + std::strerror(errno);
-        return false;
-    }
-    termios tio{};
-    if (tcgetattr(fd_, &tio) != 0) {
-        *error = path + " is not a terminal";
-        return false;
-    }
-    cfmakeraw(&tio);
-    tio.c_cflag |= CLOCAL | CREAD;
-    tio.c_cc[VMIN] = 0;
-    tio.c_cc[VTIME] = 0;
-    cfsetispeed(&tio, code);
-    cfsetospeed(&tio, code);
-    if (tcsetattr(fd_, TCSANOW, &tio) != 0) {
-        *error = std::string("cannot set up ") + path + ": " + std::strerror(errno);
-        return false;
-    }
-    return true;
-}
-
-HostLine::Outcome HostLine::exchange(const QByteArray& request, int timeoutMs, QByteArray* reply) {
-    reply->clear();
-    tcflush(fd_, TCIFLUSH);
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    int written = 0;
-    while (written < request.size()) {
-        const ssize_t n = ::write(fd_, request.constData() + written,
-                                  static_cast<size_t>(request.size() - written));
-        if (n > 0) {
-            written += static_cast<int>(n);
-            continue;
-        }
-        if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) return Outcome::kError;
-        pollfd out = {fd_, POLLOUT, 0};
-        if (poll(&out, 1, MsLeft(deadline)) == 0) return Outcome::kTimeout;
-    }
-    return collect(timeoutMs, reply);
-}
-
-HostLine::Outcome HostLine::collect(int timeoutMs, QByteArray* reply) {
-    reply->clear();
-    hostsim::ReplyAssembler assembler;
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    uint8_t buffer[512];
-    Outcome outcome = Outcome::kTimeout;
-    while (true) {
-        const int left = MsLeft(deadline);
-        if (left <= 0) break;
-        pollfd in = {fd_, POLLIN, 0};
-        const int ready = poll(&in, 1, left);
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready < 0 || (in.revents & (POLLERR | POLLNVAL))) {
-            outcome = Outcome::kError;
-            break;
-        }
-        if (ready == 0) break;
-        const ssize_t r = ::read(fd_, buffer, sizeof buffer);
-        if (r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) continue;
-        if (r <= 0) {
-            outcome = Outcome::kError;
-            break;
-        }
-        const auto status = assembler.push(buffer, static_cast<std::size_t>(r));
-        if (status == hostsim::ReplyAssembler::Status::kComplete) {
-            outcome = Outcome::kReply;
-            break;
-        }
-        if (status == hostsim::ReplyAssembler::Status::kRefused) {
-            outcome = Outcome::kRefused;
-            break;
-        }
-    }
-    const auto& bytes = assembler.bytes();
-    *reply = QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size()));
-    return outcome;
-}
-
-const char* OutcomeName(HostLine::Outcome outcome) {
-    switch (outcome) {
-        case HostLine::Outcome::kReply: return "reply";
-        case HostLine::Outcome::kRefused: return "refused";
-        case HostLine::Outcome::kTimeout: return "timeout";
-        case HostLine::Outcome::kError: return "line error";
-    }
-    return "?";
-}
 
 // ---- fixture ---------------------------------------------------------------------
 
@@ -215,15 +87,17 @@ void EndToEnd::TearDown() {
 void EndToEnd::PrimeTransactionNumber() {
     const int retryLimit = info.retryLimit;
     info.retryLimit = 3;
-    ASSERT_GT(WriteWords(ABCL_WORD_B, kScratchAddress, SimWordsAt('N', 7, kScratchElement, 1),
+    ASSERT_GT(WriteWords(ABCL_WORD_B, kScratchAddress.c_str(),
+                         SimWordsAt(peer::profile::kScratchLetter, peer::profile::kScratchFile,
+                                    peer::profile::kScratchElement, 1),
                          kPrimeVarId),
               0);
     const std::vector<Step> steps = RunUntil([](const Step& s) { return s.result != 0; }, 4);
     ASSERT_FALSE(steps.empty());
     ASSERT_TRUE(steps.back().isWrite());
-    ASSERT_EQ(steps.back().result, 1) << "the scratch write failed: "
-                                      << OutcomeName(steps.back().outcome) << " "
-                                      << ToHex(steps.back().received);
+    ASSERT_EQ(steps.back().result, 1)
+        << "the scratch write failed: " << LineOutcomeName(steps.back().outcome) << " "
+        << ToHex(steps.back().received);
     info.retryLimit = retryLimit;
     info.retryCount = 0;
     // Nothing left: the scheduler's counts of writes served in a row start
@@ -235,32 +109,21 @@ void EndToEnd::PrimeTransactionNumber() {
 // ---- the loop ----------------------------------------------------------------------
 
 Step EndToEnd::Turn(const Hook& beforeSend) {
-    Step s;
-    Protocol* p = api->ComCommunication();
-    if (!p) return s;
-    // DataCom destroys the record: keep what is needed.
-    s.sent = true;
-    s.frame = p->frame;
-    s.request = p->var;
-    s.learning = p->replyLen == -1;
-    if (beforeSend) beforeSend(s);
-
-    // A remote write's reply is judged good only while replyDone is 0.
-    if (info.remoteMode != 0 && zeroReplyDone) info.replyDone = 0;
-    const int timeoutMs = noCompleteReply_ ? faultTimeoutMs : replyTimeoutMs;
-    noCompleteReply_ = false;
-    s.outcome = host.exchange(s.frame, timeoutMs, &s.received);
-    EXPECT_NE(s.outcome, HostLine::Outcome::kError) << "the line failed";
-    const bool complete =
-        s.outcome == HostLine::Outcome::kReply || s.outcome == HostLine::Outcome::kRefused;
-    // Nothing complete: the host hands over an empty array.
-    if (complete || handPartialReplies) s.handed = s.received;
-
-    const RW_VAR* current = api->DataCom(s.handed, s.handed.size());
-    s.result = current->result;
-    s.varId = current->varId;
-    s.varSubId = current->varSubId;
-    s.station = current->station;
+    peer::ExchangeHooks hooks;
+    hooks.beforeSend = [&](Step& s) {
+        if (beforeSend) beforeSend(s);
+        // A remote write's reply is judged good only while replyDone is 0.
+        if (info.remoteMode != 0 && zeroReplyDone) info.replyDone = 0;
+        if (noCompleteReply_) s.timeoutMs = faultTimeoutMs;
+        noCompleteReply_ = false;
+    };
+    // Nothing complete: the host hands over an empty array, or on request
+    // whatever came before the timeout.
+    hooks.handOver = [this](const Step& s) {
+        return s.answered() || handPartialReplies ? s.received : QByteArray();
+    };
+    const Step s = peer::RunExchange(*api, host, replyTimeoutMs, -1, hooks);
+    EXPECT_NE(s.outcome, LineOutcome::kError) << "the line failed: " << host.error();
     return s;
 }
 
@@ -279,7 +142,7 @@ std::vector<Step> EndToEnd::RunUntilCycleDone(int limit) {
     std::vector<Step> steps = RunUntil([this](const Step&) { return info.cycleDone == 1; }, limit);
     for (std::size_t i = 0; i < steps.size(); ++i) {
         EXPECT_TRUE(steps[i].sent) << "turn " << i;
-        EXPECT_EQ(steps[i].result, 1) << "turn " << i << ": " << OutcomeName(steps[i].outcome)
+        EXPECT_EQ(steps[i].result, 1) << "turn " << i << ": " << LineOutcomeName(steps[i].outcome)
                                       << " " << ToHex(steps[i].received);
     }
     return steps;
@@ -303,7 +166,7 @@ void EndToEnd::RunPass() {
         EXPECT_FALSE(s.isWrite()) << "turn " << i;
         // Each request learns its reply length, then carries the data.
         EXPECT_EQ(s.learning, i % 2 == 0) << "turn " << i;
-        ASSERT_EQ(s.result, 1) << "turn " << i << ": " << OutcomeName(s.outcome) << " "
+        ASSERT_EQ(s.result, 1) << "turn " << i << ": " << LineOutcomeName(s.outcome) << " "
                                << ToHex(s.received);
     }
 }
@@ -464,7 +327,9 @@ void EndToEnd::WrongTnsNext(uint32_t replies) {
     controller->setFaults(plan);
 }
 
-const std::vector<Callback>& EndToEnd::Callbacks() { return g_callbacks; }
+const std::vector<Callback>& EndToEnd::Callbacks() {
+    return g_callbacks;
+}
 
 // ---- helpers --------------------------------------------------------------------------
 

@@ -10,9 +10,9 @@
 #define ABCL_E2E_HOST_H
 
 #include "ab_controllogix_compactlogix.h"
-#include "peer/host_loop.h"
 
 #include "peer/controller.h"
+#include "peer/host_loop.h"
 #include "peer/line.h"
 #include "peer/server.h"
 #include "peer/tag_memory.h"
@@ -30,58 +30,16 @@
 
 namespace e2e {
 
-// The host's end of the line: the pseudo-terminal's peer in raw 8N1.
-class HostLine {
-public:
-    enum class Outcome {
-        kReply,    // a complete reply arrived
-        kRefused,  // the controller answered DLE NAK
-        kTimeout,  // nothing complete within the timeout
-        kError,    // the line failed
-    };
-
-    HostLine() = default;
-    ~HostLine();
-    HostLine(const HostLine&) = delete;
-    HostLine& operator=(const HostLine&) = delete;
-
-    bool open(const std::string& path, int baud, std::string* error);
-
-    // Drops stale input (a reply that came too late for the previous
-    // request), writes the request and collects its reply.
-    Outcome exchange(const QByteArray& request, int timeoutMs, QByteArray* reply);
-    // Collects a reply that is already on its way, without sending anything
-    // and without dropping input.
-    Outcome collect(int timeoutMs, QByteArray* reply);
-
-private:
-    int fd_ = -1;
-};
-
-const char* OutcomeName(HostLine::Outcome outcome);
+// One turn of the host's loop, and what its reply came to.
+using Step = peer::Exchange;
+using peer::LineOutcome;
+using peer::LineOutcomeName;
 
 // How the simulator is set up for a test.
 struct SimConfig {
     peer::LinkMode mode = peer::LinkMode::kDirect;
     int baud = 115200;          // replies are paced at this rate
     uint32_t turnaroundMs = 1;  // request end to reply start
-};
-
-// One turn of the host's loop.
-struct Step {
-    bool sent = false;      // ComCommunication returned a request
-    bool learning = false;  // the request's reply length was not known yet
-    RW_VAR request;         // the variable the request serves, as queued
-    QByteArray frame;
-    HostLine::Outcome outcome = HostLine::Outcome::kTimeout;
-    QByteArray received;  // bytes that came off the line
-    QByteArray handed;    // bytes handed to DataCom
-    int result = -1;      // DataCom's record: result and identity
-    int varId = 0;
-    int varSubId = 0;
-    int station = 0;
-
-    bool isWrite() const { return request.aux2 == 1; }  // write records only confirm
 };
 
 // One call of the one-shot read callback.
@@ -169,7 +127,7 @@ protected:
     std::unique_ptr<peer::Controller> controller;
     std::unique_ptr<peer::SerialLine> line;
     std::unique_ptr<peer::Server> server;
-    HostLine host;
+    peer::HostPort host;
 
     // How long the host waits for a reply. An exchange whose reply a test
     // has made the controller drop or cut short waits faultTimeoutMs only,

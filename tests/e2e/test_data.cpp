@@ -16,8 +16,7 @@ using CipErrors = EndToEnd;
 // Values whose bytes include 0x10, which both sides double on the wire.
 const std::vector<uint16_t> kN7Words = {0x1010, 0x0010, 0x1000, 0x0110, 1234, 0xFFFF, 0x1001, 0};
 const std::vector<uint16_t> kB3Words = {0x1010, 0x0001, 0x8010, 0x0000};
-const std::vector<uint32_t> kF8Reals = {RealBits(1.5f), 0x41100010u, RealBits(-2.25f),
-                                        0x10101010u};
+const std::vector<uint32_t> kF8Reals = {RealBits(1.5f), 0x41100010u, RealBits(-2.25f), 0x10101010u};
 const std::vector<uint16_t> kN7At16 = {0x0010, 0x1000};
 
 TEST_F(CyclicReads, BNAndFTagsConvergeToTheControllerValues) {
@@ -40,8 +39,8 @@ TEST_F(CyclicReads, BNAndFTagsConvergeToTheControllerValues) {
     EXPECT_EQ(ImageWords(ABCL_WORD_A, "3:0", 4), kB3Words);
     EXPECT_EQ(ImageReals("8:0", 4), kF8Reals);
     EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:16", 2), kN7At16);
-    EXPECT_EQ(ImageBits(ABCL_BIT_A, "3:0/4", 1), std::vector<int>{1});    // 0x1010 bit 4
-    EXPECT_EQ(ImageBits(ABCL_BIT_B, "7:2/12", 1), std::vector<int>{1});   // 0x1000 bit 12
+    EXPECT_EQ(ImageBits(ABCL_BIT_A, "3:0/4", 1), std::vector<int>{1});   // 0x1010 bit 4
+    EXPECT_EQ(ImageBits(ABCL_BIT_B, "7:2/12", 1), std::vector<int>{1});  // 0x1000 bit 12
     EXPECT_EQ(ImageBits(ABCL_BIT_B, "7:2/11", 2), (std::vector<int>{0, 1}));
 }
 
@@ -98,9 +97,9 @@ TEST_F(CyclicReads, LiveTagsFollowTheController) {
 TEST_F(Writes, BitIntAndRealReachTheControllerAndReadBack) {
     SimWords('B', 3, 20, {0x1001});
     SimWords('N', 7, 43, {0x0001});
-    ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:40", 4}, {ABCL_WORD_A, "3:20", 1},
-                             {ABCL_REAL, "8:10", 3}}),
-              3);
+    ASSERT_EQ(
+        SetCyclicList({{ABCL_WORD_B, "7:40", 4}, {ABCL_WORD_A, "3:20", 1}, {ABCL_REAL, "8:10", 3}}),
+        3);
     RunUntilCycleDone();
 
     const std::vector<uint16_t> words = {0x1010, 7, 0xFFFF};

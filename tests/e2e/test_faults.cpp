@@ -35,7 +35,7 @@ TEST_F(DroppedReplies, WriteIsRetriedThenReportedAsNoReplyAndTheQueuesPurged) {
     for (const Step& s : steps) {
         EXPECT_TRUE(s.isWrite());
         EXPECT_EQ(s.request.address, kN7 + 20);
-        EXPECT_EQ(s.outcome, HostLine::Outcome::kTimeout);
+        EXPECT_EQ(s.outcome, LineOutcome::kTimeout);
     }
     // retryLimit 2: two retries, then no reply for varId 3 (40 + 3 + 1).
     EXPECT_EQ(steps[0].result, 0);
@@ -86,7 +86,7 @@ TEST_F(DroppedReplies, ReadLearningItsLengthYieldsZeroAndCountsNoRetry) {
     for (int i = 0; i < 5; ++i) {
         const Step s = Turn(dropLearning);
         EXPECT_TRUE(s.learning) << i;
-        EXPECT_EQ(s.outcome, HostLine::Outcome::kTimeout) << i;
+        EXPECT_EQ(s.outcome, LineOutcome::kTimeout) << i;
         EXPECT_EQ(s.result, 0) << i;
     }
     EXPECT_EQ(info.retryCount, 0);
@@ -119,7 +119,7 @@ TEST_F(CorruptBlockCheck, WriteIsRetriedThenReportedAsBadReply) {
     ASSERT_EQ(steps.size(), 2u);
     for (const Step& s : steps) {
         // The reply came whole; only its block check is wrong.
-        EXPECT_EQ(s.outcome, HostLine::Outcome::kReply);
+        EXPECT_EQ(s.outcome, LineOutcome::kReply);
         EXPECT_EQ(s.received.size(), 27) << ToHex(s.received);
     }
     EXPECT_EQ(steps[0].result, 0);
@@ -148,7 +148,7 @@ TEST_F(CorruptBlockCheck, ReadRetriesOnlyOnceItsLengthIsKnown) {
     for (int i = 0; i < 3; ++i) {
         const Step s = Turn(corruptLearning);
         EXPECT_TRUE(s.learning);
-        EXPECT_EQ(s.outcome, HostLine::Outcome::kReply);
+        EXPECT_EQ(s.outcome, LineOutcome::kReply);
         EXPECT_EQ(s.result, 0);
     }
     EXPECT_EQ(info.retryCount, 0);
@@ -179,8 +179,9 @@ TEST_P(TruncatedReplies, TimeOutAndCountAsNoReply) {
     info.retryLimit = 0;
     const int cut = GetParam();
     EXPECT_GT(WriteWords(ABCL_WORD_B, "7:31", {3}, 2), 0);
-    const Step s = Turn(OnWriteTo(31, [this, cut] { TruncateNext(1, static_cast<uint32_t>(cut)); }));
-    EXPECT_EQ(s.outcome, HostLine::Outcome::kTimeout);
+    const Step s =
+        Turn(OnWriteTo(31, [this, cut] { TruncateNext(1, static_cast<uint32_t>(cut)); }));
+    EXPECT_EQ(s.outcome, LineOutcome::kTimeout);
     EXPECT_EQ(s.received.size(), 27 - cut) << ToHex(s.received);
     EXPECT_EQ(s.result, 43);  // no reply, varId 2
 
@@ -218,7 +219,7 @@ TEST_F(LateReplies, WithinTheTimeoutAreAccepted) {
     info.retryLimit = 0;
     EXPECT_GT(WriteWords(ABCL_WORD_B, "7:33", {0x1010}, 1), 0);
     const Step s = Turn(OnWriteTo(33, [this] { LateNext(1, 150); }));
-    EXPECT_EQ(s.outcome, HostLine::Outcome::kReply);
+    EXPECT_EQ(s.outcome, LineOutcome::kReply);
     EXPECT_EQ(s.result, 1);
     EXPECT_EQ(controller->counters().delayed, 1u);
     EXPECT_EQ(SimWordsAt('N', 7, 33, 1), std::vector<uint16_t>{0x1010});
@@ -229,19 +230,20 @@ TEST_F(LateReplies, BeyondTheTimeoutFailAsNoReplyThenTheLinkRecovers) {
     info.retryLimit = 0;
     EXPECT_GT(WriteWords(ABCL_WORD_B, "7:33", {1}, 1), 0);
     const Step s = Turn(OnWriteTo(33, [this] { LateNext(1, 600); }));
-    EXPECT_EQ(s.outcome, HostLine::Outcome::kTimeout);
+    EXPECT_EQ(s.outcome, LineOutcome::kTimeout);
     EXPECT_TRUE(s.received.isEmpty()) << ToHex(s.received);
     EXPECT_EQ(s.result, 42);  // no reply, varId 1
 
     // The reply does come, after the host has given up on it.
-    QByteArray late;
-    EXPECT_EQ(host.collect(3000, &late), HostLine::Outcome::kReply);
-    EXPECT_EQ(late.size(), 27) << ToHex(late);
+    std::vector<uint8_t> late;
+    EXPECT_EQ(host.collect(3000, -1, &late), LineOutcome::kReply);
+    EXPECT_EQ(late.size(), 27u) << ToHex(
+        QByteArray(reinterpret_cast<const char*>(late.data()), static_cast<int>(late.size())));
     replyTimeoutMs = 1000;
 
     EXPECT_GT(WriteWords(ABCL_WORD_B, "7:34", {2}, 1), 0);
     const Step next = Turn();
-    EXPECT_EQ(next.outcome, HostLine::Outcome::kReply);
+    EXPECT_EQ(next.outcome, LineOutcome::kReply);
     EXPECT_EQ(next.result, 1);
     EXPECT_EQ(SimWordsAt('N', 7, 33, 2), (std::vector<uint16_t>{1, 2}));
 }
@@ -302,7 +304,7 @@ TEST_F(Silence, ReadsShowZerosAWriteFailsAndBothRecoverAfterIt) {
     const std::size_t n = steps.size();
     for (std::size_t i = 2; i + 2 < n; ++i) {
         EXPECT_TRUE(steps[i].learning) << i;
-        EXPECT_EQ(steps[i].outcome, HostLine::Outcome::kTimeout) << i;
+        EXPECT_EQ(steps[i].outcome, LineOutcome::kTimeout) << i;
         EXPECT_EQ(steps[i].result, 0) << i;
     }
     // ...then, once the controller answers, it learns and reads.

@@ -111,8 +111,8 @@ TEST_F(RemoteMode, HostThatKeepsReplyDoneSeesItsWritesFail) {
     EXPECT_GT(WriteWords(ABCL_WORD_B, "7:6", {77}, 3), 0);
     const auto steps = RunUntil([](const Step& s) { return s.result != 0; }, 4);
     ASSERT_EQ(steps.size(), 2u);
-    EXPECT_EQ(steps[0].outcome, HostLine::Outcome::kReply);
-    EXPECT_EQ(steps[1].outcome, HostLine::Outcome::kReply);
+    EXPECT_EQ(steps[0].outcome, LineOutcome::kReply);
+    EXPECT_EQ(steps[1].outcome, LineOutcome::kReply);
     EXPECT_EQ(steps[1].result, 14);  // bad reply, varId 3
     // The partner carried the write out all the same.
     EXPECT_EQ(SimWordsAt('N', 7, 6, 1), std::vector<uint16_t>{77});

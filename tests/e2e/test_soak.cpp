@@ -21,7 +21,9 @@ int SoakExchanges() {
 }
 
 // Word values that carry 0x10 bytes now and then.
-uint16_t WordValue(int k) { return static_cast<uint16_t>(k * 0x1001 + 0x10); }
+uint16_t WordValue(int k) {
+    return static_cast<uint16_t>(k * 0x1001 + 0x10);
+}
 
 TEST_F(Soak, ThousandsOfExchangesOnACleanLineAllSucceed) {
     const int total = SoakExchanges();
@@ -98,11 +100,11 @@ TEST_F(Soak, ThousandsOfExchangesOnACleanLineAllSucceed) {
         ++sent;
         writeSteps += s.isWrite() ? 1 : 0;
         pending = s.learning;
-        if (s.result != 1 || s.outcome != HostLine::Outcome::kReply) {
+        if (s.result != 1 || s.outcome != LineOutcome::kReply) {
             ++failures;
             if (firstFailure.empty())
                 firstFailure = "exchange " + std::to_string(i) + ": result " +
-                               std::to_string(s.result) + ", " + OutcomeName(s.outcome) +
+                               std::to_string(s.result) + ", " + LineOutcomeName(s.outcome) +
                                ", reply " + ToHex(s.received);
         }
     }

@@ -1,10 +1,11 @@
-// The host simulator's parts: address texts, write values, reply reception,
-// the CIP status of a reply, option parsing, and the cyclic entries a tag
-// becomes, checked against the driver's own request building.
+// The host simulator's parts: address texts, write values, value and result
+// texts, option parsing, and the cyclic entries a tag becomes, checked
+// against the driver's own request building.
 #include "addresses.h"
-#include "df1_reply.h"
+#include "display.h"
 #include "host.h"
 #include "options.h"
+#include "peer/profile.h"
 
 #include "ab_controllogix_compactlogix.h"
 #include "ab_controllogix_compactlogix_p.h"
@@ -24,30 +25,10 @@ using namespace hostsim;
 
 namespace {
 
+// "D2 04" -> bytes; QByteArray::fromHex passes over the blanks.
 std::vector<uint8_t> Bytes(const char* hex) {
-    std::vector<uint8_t> out;
-    std::string digits;
-    for (const char* p = hex; *p; ++p)
-        if (*p != ' ') digits += *p;
-    for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
-        out.push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
-    return out;
-}
-
-// A reply as a controller frames it: DLE ACK DLE STX, the body with each DLE
-// doubled, DLE ETX, and the two's complement of the body's byte sum.
-std::vector<uint8_t> FrameReply(const std::vector<uint8_t>& body) {
-    std::vector<uint8_t> out = {0x10, 0x06, 0x10, 0x02};
-    unsigned sum = 0;
-    for (uint8_t b : body) {
-        out.push_back(b);
-        if (b == 0x10) out.push_back(b);
-        sum += b;
-    }
-    out.push_back(0x10);
-    out.push_back(0x03);
-    out.push_back(static_cast<uint8_t>(-static_cast<int>(sum & 0xFF)));
-    return out;
+    const QByteArray bytes = QByteArray::fromHex(hex);
+    return std::vector<uint8_t>(bytes.begin(), bytes.end());
 }
 
 }  // namespace
@@ -186,125 +167,6 @@ INSTANTIATE_TEST_SUITE_P(Rows, BadWriteTexts,
                                            "B3:0/5=2", "F8:1=abc", "F8:1=inf", "N7:3 x2=1",
                                            "N7:255=1,2", "Q7:3=1", "N7:3=1,,2"));
 
-// ---- reply reception -----------------------------------------------------
-
-TEST(ReplyReception, CompleteAfterTrailerAndBlockCheck) {
-    const std::vector<uint8_t> reply = FrameReply(Bytes("00 00 4B 00 21 00 00 00 8A 00 00 00"));
-    ReplyAssembler r;
-    EXPECT_EQ(r.push(reply.data(), reply.size() - 1), ReplyAssembler::Status::kIncomplete);
-    EXPECT_EQ(r.push(reply.data() + reply.size() - 1, 1), ReplyAssembler::Status::kComplete);
-    EXPECT_EQ(r.bytes(), reply);
-}
-
-TEST(ReplyReception, LeadInMayComeInTwoPieces) {
-    ReplyAssembler r;
-    const std::vector<uint8_t> ack = Bytes("10 06");
-    const std::vector<uint8_t> rest = Bytes("10 02 01 02 10 03 FD");
-    EXPECT_EQ(r.push(ack.data(), ack.size()), ReplyAssembler::Status::kIncomplete);
-    EXPECT_EQ(r.push(rest.data(), rest.size()), ReplyAssembler::Status::kComplete);
-    EXPECT_EQ(r.bytes(), Bytes("10 06 10 02 01 02 10 03 FD"));
-}
-
-TEST(ReplyReception, DoubledDleFollowedByEtxIsData) {
-    // 10 10 is one data DLE; the 03 after it is data, not the trailer.
-    const std::vector<uint8_t> reply = Bytes("10 06 10 02 AA 10 10 03 BB 10 03 CC");
-    ReplyAssembler r;
-    EXPECT_EQ(r.push(reply.data(), 9), ReplyAssembler::Status::kIncomplete);
-    EXPECT_EQ(r.push(reply.data() + 9, 2), ReplyAssembler::Status::kIncomplete);
-    EXPECT_EQ(r.push(reply.data() + 11, 1), ReplyAssembler::Status::kComplete);
-}
-
-TEST(ReplyReception, ByteByByteGivesTheSameEnd) {
-    const std::vector<uint8_t> reply = FrameReply(
-        Bytes("00 10 4B 00 10 00 00 00 8A 00 00 00 01 00 04 00 D2 00 00 00 C3 00 10 10"));
-    ReplyAssembler r;
-    for (std::size_t i = 0; i + 1 < reply.size(); ++i)
-        ASSERT_EQ(r.push(&reply[i], 1), ReplyAssembler::Status::kIncomplete) << "byte " << i;
-    EXPECT_EQ(r.push(&reply.back(), 1), ReplyAssembler::Status::kComplete);
-    EXPECT_EQ(r.bytes(), reply);
-}
-
-TEST(ReplyReception, BlockCheckOf0x10IsOneByte) {
-    const std::vector<uint8_t> reply = Bytes("10 06 10 02 F0 10 03 10");
-    ReplyAssembler r;
-    EXPECT_EQ(r.push(reply.data(), reply.size()), ReplyAssembler::Status::kComplete);
-    EXPECT_EQ(r.consumed(), reply.size());
-}
-
-TEST(ReplyReception, BytesAfterTheReplyAreNotTaken) {
-    const std::vector<uint8_t> stream = Bytes("10 06 10 02 01 10 03 FF 10 06");
-    ReplyAssembler r;
-    EXPECT_EQ(r.push(stream.data(), stream.size()), ReplyAssembler::Status::kComplete);
-    EXPECT_EQ(r.consumed(), 8u);
-    EXPECT_EQ(r.bytes(), Bytes("10 06 10 02 01 10 03 FF"));
-}
-
-TEST(ReplyReception, DleNakEndsReceptionAsRefused) {
-    const std::vector<uint8_t> nak = Bytes("10 15");
-    ReplyAssembler r;
-    EXPECT_EQ(r.push(nak.data(), nak.size()), ReplyAssembler::Status::kRefused);
-}
-
-TEST(ReplyReception, AckAloneIsIncomplete) {
-    const std::vector<uint8_t> ack = Bytes("10 06");
-    ReplyAssembler r;
-    EXPECT_EQ(r.push(ack.data(), ack.size()), ReplyAssembler::Status::kIncomplete);
-}
-
-TEST(ReplyReception, BodyIsUnstuffed) {
-    const auto body = ReplyBody(Bytes("10 06 10 02 01 10 10 02 10 10 10 10 10 03 00"));
-    ASSERT_TRUE(body.has_value());
-    EXPECT_EQ(*body, Bytes("01 10 02 10 10"));
-    EXPECT_FALSE(ReplyBody(Bytes("10 06 01 02 10 03 00")).has_value());
-}
-
-// ---- CIP status of a reply -----------------------------------------------
-
-TEST(ReplyStatus, SuccessfulReadIsNotAFailure) {
-    const auto s = ReadReplyStatus(FrameReply(
-        Bytes("00 00 4B 00 21 00 00 00 8A 00 00 00 01 00 04 00 D2 00 00 00 C3 00 34 12")));
-    EXPECT_TRUE(s.parsed);
-    EXPECT_TRUE(s.hasEmbedded);
-    EXPECT_EQ(s.embeddedGeneral, 0);
-    EXPECT_FALSE(s.failed());
-}
-
-TEST(ReplyStatus, EmbeddedErrorIsAFailure) {
-    // Multiple Service Packet status 0x1E (embedded service error), the
-    // embedded read's status 0x05 (path destination unknown).
-    const auto s = ReadReplyStatus(
-        FrameReply(Bytes("00 00 4B 00 21 00 00 00 8A 00 1E 00 01 00 04 00 D2 00 05 00")));
-    EXPECT_EQ(s.cipGeneral, 0x1E);
-    ASSERT_TRUE(s.hasEmbedded);
-    EXPECT_EQ(s.embeddedGeneral, 0x05);
-    EXPECT_TRUE(s.failed());
-}
-
-TEST(ReplyStatus, ExtendedStatusMovesTheEmbeddedReply) {
-    // General error 0xFF with one extended status word in the embedded reply;
-    // a doubled TNS byte before it shifts every later reply byte by one.
-    const auto s = ReadReplyStatus(
-        FrameReply(Bytes("00 00 4B 00 10 00 00 00 8A 00 1E 00 01 00 04 00 D2 00 FF 01 05 21")));
-    ASSERT_TRUE(s.hasEmbedded);
-    EXPECT_EQ(s.embeddedGeneral, 0xFF);
-    EXPECT_TRUE(s.failed());
-}
-
-TEST(ReplyStatus, Df1StatusAloneIsAFailure) {
-    const auto s = ReadReplyStatus(FrameReply(Bytes("00 00 4B 10 21 00")));
-    EXPECT_TRUE(s.parsed);
-    EXPECT_FALSE(s.hasCip);
-    EXPECT_EQ(s.df1Status, 0x10);
-    EXPECT_TRUE(s.failed());
-}
-
-TEST(ReplyStatus, WriteConfirmationIsNotAFailure) {
-    const auto s = ReadReplyStatus(
-        FrameReply(Bytes("00 00 4B 00 21 00 00 00 8A 00 00 00 01 00 04 00 D3 00 00 00")));
-    EXPECT_TRUE(s.hasEmbedded);
-    EXPECT_FALSE(s.failed());
-}
-
 // ---- options ---------------------------------------------------------------
 
 TEST(Options, DefaultsAreTheDocumentedOnes) {
@@ -425,7 +287,44 @@ TEST(Options, TagFileTakesOneTagALineWithComments) {
     EXPECT_EQ(tags[3].display(), "N10:0 x2");
 }
 
-// ---- result texts ---------------------------------------------------------
+TEST(Options, EveryTermiosRateIsAccepted) {
+    for (const char* rate : {"50", "1200", "19200", "230400", "460800", "4000000"}) {
+        Options o;
+        std::string error;
+        EXPECT_TRUE(ParseOptions({"--baud", rate}, &o, &error)) << rate << ": " << error;
+        EXPECT_EQ(o.baud, std::stoi(rate));
+    }
+}
+
+TEST(Options, DefaultTagsAreTheProfilesHostTags) {
+    const std::vector<TagAddress> tags = DefaultTags();
+    ASSERT_EQ(tags.size(), std::size(peer::profile::kDefaultHostTags));
+    for (std::size_t i = 0; i < tags.size(); ++i)
+        EXPECT_EQ(tags[i].display(), peer::profile::kDefaultHostTags[i]);
+}
+
+// ---- value and result texts ---------------------------------------------------
+
+TagAddress Parsed(const char* text) {
+    TagAddress a;
+    std::string error;
+    EXPECT_TRUE(ParseTagAddress(text, &a, &error)) << error;
+    return a;
+}
+
+TEST(ValueTexts, EachKindIsShownItsOwnWay) {
+    EXPECT_EQ(FormatValues(Parsed("N7:0 x2"), QByteArray::fromHex("FF FF 10 00")), "-1 16");
+    EXPECT_EQ(FormatValues(Parsed("B3:0 x2"), QByteArray::fromHex("08 00 34 12")), "0x0008 0x1234");
+    EXPECT_EQ(FormatValues(Parsed("B3:0/1 x3"), QByteArray::fromHex("01 00 01")), "1 0 1");
+    EXPECT_EQ(FormatValues(Parsed("F8:0 x2"), QByteArray::fromHex("00 00 20 40 00 00 C0 BF")),
+              "2.5 -1.5");
+}
+
+TEST(ValueTexts, ValuesTheBytesDoNotCoverAreQuestionMarks) {
+    EXPECT_EQ(FormatValues(Parsed("N7:0 x3"), QByteArray::fromHex("05 00 06")), "5 ? ?");
+    EXPECT_EQ(FormatValues(Parsed("F8:0 x2"), QByteArray::fromHex("00 00 20 40 00")), "2.5 ?");
+    EXPECT_EQ(FormatValues(Parsed("B3:0/0 x2"), QByteArray()), "? ?");
+}
 
 TEST(ResultCodes, GoodCodesAreOneAndHundred) {
     EXPECT_TRUE(IsGoodResult(1));

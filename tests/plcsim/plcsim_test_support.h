@@ -80,13 +80,11 @@ inline Bytes FirstBody(const Bytes& frame) {
 // n bytes of line noise rich in link symbols: each byte is DLE, STX or ETX
 // with a chance of 1 in `spread` each, any value otherwise.
 inline Bytes LinkNoise(std::mt19937& random, std::size_t n, unsigned spread) {
+    static constexpr uint8_t kSymbols[] = {peer::df1::kDle, peer::df1::kStx, peer::df1::kEtx};
     Bytes noise(n);
     for (auto& b : noise) {
         const unsigned pick = random() % spread;
-        b = pick == 0   ? peer::df1::kDle
-            : pick == 1 ? peer::df1::kStx
-            : pick == 2 ? peer::df1::kEtx
-                        : static_cast<uint8_t>(random());
+        b = pick < 3 ? kSymbols[pick] : static_cast<uint8_t>(random());
     }
     return noise;
 }

@@ -2,8 +2,11 @@
 
 #include "peer/controller.h"
 #include "peer/line.h"
+#include "peer/profile.h"
 #include "peer/server.h"
 #include "peer/tag_memory.h"
+
+#include <iterator>
 
 namespace hostsim {
 
@@ -21,6 +24,18 @@ BuiltinSimulator::~BuiltinSimulator() {
 }
 
 namespace {
+
+// "B3, N7, F8, F9 and N10 of 256 elements": the simulator's files.
+std::string FilesText() {
+    std::string text;
+    const std::size_t n = std::size(peer::profile::kDefaultFiles);
+    for (std::size_t i = 0; i < n; ++i) {
+        const peer::profile::FileSpec& f = peer::profile::kDefaultFiles[i];
+        if (i > 0) text += i + 1 == n ? " and " : ", ";
+        text += f.letter + std::to_string(f.file);
+    }
+    return text + " of " + std::to_string(peer::profile::kDefaultFiles[0].elements) + " elements";
+}
 
 bool ApplySet(peer::TagMemory& memory, const WriteRequest& set, std::string* error) {
     const TagAddress& a = set.address;
@@ -41,8 +56,7 @@ bool ApplySet(peer::TagMemory& memory, const WriteRequest& set, std::string* err
     }
     if (!ok && error)
         *error = "--sim-set " + set.display() +
-                 ": the simulator has no such element (its files are "
-                 "B3, N7, F8, F9 and N10 of 256 elements)";
+                 ": the simulator has no such element (its files are " + FilesText() + ")";
     return ok;
 }
 
@@ -72,8 +86,8 @@ bool BuiltinSimulator::start(const Options& options, std::string* error) {
     peer::ServerOptions serverOptions;
     serverOptions.paceBaud = options.baud;
     serverOptions.turnaroundMs = static_cast<uint32_t>(options.simTurnaroundMs);
-    state->server = std::make_unique<peer::Server>(*state->controller, state->memory,
-                                                     *state->line, serverOptions);
+    state->server = std::make_unique<peer::Server>(*state->controller, state->memory, *state->line,
+                                                   serverOptions);
     if (!state->server->start(&why)) {
         if (error) *error = "cannot start the built-in simulator: " + why;
         return false;

@@ -1,6 +1,7 @@
 #include "host.h"
 
-#include "df1_reply.h"
+#include "display.h"
+#include "peer/reply_status.h"
 
 #include <QtCore/QByteArray>
 #include <QtCore/QList>
@@ -8,7 +9,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <sstream>
 
 namespace hostsim {
 
@@ -37,42 +37,6 @@ QByteArray ToQByteArray(const std::vector<uint8_t>& bytes) {
     return QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size()));
 }
 
-std::string FormatValues(const TagAddress& tag, const QByteArray& bytes) {
-    std::ostringstream out;
-    const auto* b = reinterpret_cast<const uint8_t*>(bytes.constData());
-    const int n = bytes.size();
-    for (int i = 0; i < tag.count; ++i) {
-        if (i) out << ' ';
-        if (tag.isBit()) {
-            if (i < n)
-                out << static_cast<int>(b[i]);
-            else
-                out << '?';
-        } else if (tag.letter == 'F') {
-            if (4 * i + 3 < n) {
-                char text[32];
-                std::snprintf(text, sizeof text, "%g",
-                              static_cast<double>(RealFromBytes(b + 4 * i)));
-                out << text;
-            } else {
-                out << '?';
-            }
-        } else if (2 * i + 1 < n) {
-            const uint16_t word = static_cast<uint16_t>(b[2 * i] | (b[2 * i + 1] << 8));
-            if (tag.letter == 'N') {
-                out << static_cast<int16_t>(word);
-            } else {
-                char text[16];
-                std::snprintf(text, sizeof text, "0x%04X", word);
-                out << text;
-            }
-        } else {
-            out << '?';
-        }
-    }
-    return out.str();
-}
-
 char LetterOf(int dataType) {
     switch (dataType) {
         case kBitA:
@@ -89,24 +53,6 @@ char LetterOf(int dataType) {
 }
 
 }  // namespace
-
-std::string ResultText(int code) {
-    if (code == 1) return "good";
-    if (code == 100) return "good (remote)";
-    if (code == 0) return "retrying";
-    // The last digits carry varId + 1 for varId 1 to 11, else 1.
-    const auto band = [&](int base, const char* what) -> std::string {
-        const int varId = code - base - 1;
-        return std::string(what) + (varId ? " (varId " + std::to_string(varId) + ")" : "");
-    };
-    if (code >= 11 && code <= 22) return band(10, "bad reply");
-    if (code >= 41 && code <= 52) return band(40, "no reply");
-    if (code >= 71 && code <= 82) return band(70, "wrong length");
-    if (code >= 111 && code <= 122) return band(110, "remote bad reply");
-    if (code >= 141 && code <= 152) return band(140, "remote no reply");
-    if (code >= 171 && code <= 182) return band(170, "remote wrong length");
-    return "unknown";
-}
 
 bool IsGoodResult(int code) {
     return code == 1 || code == 100;
@@ -375,67 +321,71 @@ std::string Host::lineError() const {
     return lineError_;
 }
 
-bool Host::run(SerialPort& port, int wakeFd) {
+void Host::rebuildIfAsked() {
+    bool rebuild = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        rebuild = rebuildPending_;
+        rebuildPending_ = false;
+    }
+    if (!rebuild) return;
+    const int requests = rebuildCyclicList();
+    note("the cyclic list has " + std::to_string(requests) + " request(s)");
+}
+
+void Host::waitForWork() {
+    // Nothing to send: wait for new work, briefly.
+    std::unique_lock<std::mutex> lock(mutex_);
+    workQueued_.wait_for(lock, std::chrono::milliseconds(20), [&] { return work_; });
+    work_ = false;
+}
+
+QByteArray Host::handOver(const peer::Exchange& e, bool* cipRejected) const {
+    // The plug-in checks the envelope, length and block check, not the CIP
+    // status. On request a controller's error reply is handed over as no
+    // reply. The exchange that learns a read's length is left alone:
+    // failing it would only repeat it, never report.
+    if (options_.cipErrorsFail && info_.remoteMode == 0 && !e.learning &&
+        e.outcome == peer::LineOutcome::kReply) {
+        const auto* bytes = reinterpret_cast<const uint8_t*>(e.received.constData());
+        const std::vector<uint8_t> reply(bytes, bytes + e.received.size());
+        if (peer::ReadReplyStatus(reply).failed()) {
+            *cipRejected = true;
+            return QByteArray();
+        }
+    }
+    return peer::StandardHandOver(e);
+}
+
+bool Host::run(peer::HostPort& port, int wakeFd) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         running_ = true;
     }
-    std::vector<uint8_t> reply;
+    bool cipRejected = false;
+    peer::ExchangeHooks hooks;
+    // In remote mode a write's reply is checked as a first reply only while
+    // replyDone is 0; the record is the host's to reset.
+    hooks.beforeSend = [this](peer::Exchange&) {
+        if (info_.remoteMode != 0 && !options_.keepReplyDone) info_.replyDone = 0;
+    };
+    hooks.handOver = [&](const peer::Exchange& e) { return handOver(e, &cipRejected); };
     while (!stop_.load()) {
-        bool rebuild = false;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            rebuild = rebuildPending_;
-            rebuildPending_ = false;
-        }
-        if (rebuild) {
-            const int requests = rebuildCyclicList();
-            note("the cyclic list has " + std::to_string(requests) + " request(s)");
-        }
-        Protocol* p = api_.ComCommunication();
-        if (!p) {
-            // Nothing to send: wait for new work, briefly.
-            std::unique_lock<std::mutex> lock(mutex_);
-            workQueued_.wait_for(lock, std::chrono::milliseconds(20), [&] { return work_; });
-            work_ = false;
+        rebuildIfAsked();
+        cipRejected = false;
+        const peer::Exchange e = peer::RunExchange(api_, port, options_.timeoutMs, wakeFd, hooks);
+        if (!e.sent) {
+            waitForWork();
             continue;
         }
-        // DataCom destroys the record it answers: keep what is needed.
-        const QByteArray frame = p->frame;
-        const RW_VAR request = p->var;
-        const bool learning = p->replyLen == -1;
-
-        // In remote mode a write's reply is checked as a first reply only
-        // while replyDone is 0; the record is the host's to reset.
-        if (info_.remoteMode != 0 && !options_.keepReplyDone) info_.replyDone = 0;
-
-        const auto outcome = port.exchange(reinterpret_cast<const uint8_t*>(frame.constData()),
-                                           static_cast<std::size_t>(frame.size()),
-                                           options_.timeoutMs, wakeFd, &reply);
-        if (outcome == SerialPort::Outcome::kStopped) break;
-        if (outcome == SerialPort::Outcome::kError) {
+        if (e.outcome == peer::LineOutcome::kStopped) break;
+        if (e.outcome == peer::LineOutcome::kError) {
             std::lock_guard<std::mutex> lock(mutex_);
             lineError_ = port.error();
             stop_.store(true);
             return false;
         }
-        QByteArray bytes;
-        bool cipRejected = false;
-        if (outcome != SerialPort::Outcome::kTimeout) {
-            bytes = ToQByteArray(reply);
-            // The plug-in checks the envelope, length and block check, not the
-            // CIP status. On request a controller's error reply is handed
-            // over as no reply. The exchange that learns a read's length is
-            // left alone: failing it would only repeat it, never report.
-            if (options_.cipErrorsFail && info_.remoteMode == 0 && !learning &&
-                outcome == SerialPort::Outcome::kReply && ReadReplyStatus(reply).failed()) {
-                bytes.clear();
-                cipRejected = true;
-            }
-        }
-        const RW_VAR* current = api_.DataCom(bytes, bytes.size());
-        record(request, learning, current->result, outcome, cipRejected);
-
+        record(e, cipRejected);
         if (options_.exchanges != 0) {
             std::lock_guard<std::mutex> lock(mutex_);
             if (stats_.exchanges >= options_.exchanges) stop_.store(true);
@@ -465,81 +415,93 @@ std::string Host::describeRequest(const RW_VAR& r) const {
     return text;
 }
 
-void Host::record(const RW_VAR& request, bool learning, int result, SerialPort::Outcome outcome,
-                  bool cipRejected) {
+void Host::record(const peer::Exchange& e, bool cipRejected) {
     std::lock_guard<std::mutex> lock(mutex_);
+    countExchange(e, cipRejected);
+    const RW_VAR& request = e.request;
+    const bool good = IsGoodResult(e.result);
+    const bool reported = !good && e.result != 0;
+    const bool isCyclic = !e.isWrite() && request.varId == 0 && request.varSubId == -1;
+    if (isCyclic) markTagResults(request, e.learning, e.result);
+    if (e.isWrite() && e.result != 0) {
+        reportWrite(request, e.result);
+    } else if (reported) {
+        std::string what = isCyclic ? "cyclic read " : "one-shot read ";
+        addEvent("failure reported: " + what + describeRequest(request) + ": result " +
+                 std::to_string(e.result) + " " + ResultText(e.result));
+    }
+    if (reported && info_.multiStation == 0) reportDroppedQueues();
+}
+
+void Host::countExchange(const peer::Exchange& e, bool cipRejected) {
     const auto now = Clock::now();
     ++stats_.exchanges;
     recent_.push_back(now);
     while (!recent_.empty() && now - recent_.front() > std::chrono::seconds(1)) recent_.pop_front();
-    if (learning) ++stats_.learning;
-    if (outcome == SerialPort::Outcome::kTimeout) ++stats_.noReply;
-    if (outcome == SerialPort::Outcome::kRefused) ++stats_.refused;
+    if (e.learning) ++stats_.learning;
+    if (e.outcome == peer::LineOutcome::kTimeout) ++stats_.noReply;
+    if (e.outcome == peer::LineOutcome::kRefused) ++stats_.refused;
     if (cipRejected) ++stats_.cipRejected;
-    const bool good = IsGoodResult(result);
-    const bool reported = !good && result != 0;
+    const bool good = IsGoodResult(e.result);
     if (good) ++stats_.good;
-    if (result == 0) {
+    if (e.result == 0) {
         ++stats_.retried;
         ++stats_.zeroStreak;
     } else {
         stats_.zeroStreak = 0;
     }
-    if (reported) ++stats_.failures;
+    if (!good && e.result != 0) ++stats_.failures;
     // Copied here, on the thread the plug-in writes them from.
     stats_.retryCount = info_.retryCount;
     stats_.cycleDone = info_.cycleDone;
+}
 
-    const bool isWrite = request.aux2 == 1;
-    const bool isCyclic = !isWrite && request.varId == 0 && request.varSubId == -1;
-    if (isCyclic) {
-        // The tags this request covers take its result.
-        const int words = request.dataType == kReal && info_.remoteMode == 0
-                              ? std::max(request.count - 1, 1)
-                              : request.count;
-        for (std::size_t i = 0; i < tags_.size(); ++i) {
-            const TagAddress& t = tags_[i];
-            if (t.dataType() != request.dataType) continue;
-            const int start = t.file * kElementsPerFile + t.element;
-            const int end = start + t.wordCount();
-            if (start < request.address + words && request.address < end) {
-                tagResults_[i] = result;
-                tagLearning_[i] = learning;
-            }
+void Host::markTagResults(const RW_VAR& request, bool learning, int result) {
+    // The tags this request covers take its result.
+    const int words = request.dataType == kReal && info_.remoteMode == 0
+                          ? std::max(request.count - 1, 1)
+                          : request.count;
+    for (std::size_t i = 0; i < tags_.size(); ++i) {
+        const TagAddress& t = tags_[i];
+        if (t.dataType() != request.dataType) continue;
+        const int start = t.file * kElementsPerFile + t.element;
+        const int end = start + t.wordCount();
+        if (start < request.address + words && request.address < end) {
+            tagResults_[i] = result;
+            tagLearning_[i] = learning;
         }
     }
-    if (isWrite && result != 0) {
-        ++stats_.writesDone;
-        std::string text = "write ";
-        auto it = writes_.find(request.varId);
-        if (it != writes_.end()) {
-            text += it->second.write.display();
-            // A write the plug-in cut into several requests: name this one.
-            if (it->second.pieces > 1 || it->second.write.address.count > 1)
-                text += " [request at " + describeRequest(request) + "]";
-            if (--it->second.pieces <= 0) writes_.erase(it);
-        } else {
-            text += describeRequest(request);
-        }
-        addEvent(text + ": result " + std::to_string(result) + " " + ResultText(result));
-    } else if (reported) {
-        std::string what = isCyclic ? "cyclic read " : "one-shot read ";
-        addEvent("failure reported: " + what + describeRequest(request) + ": result " +
-                 std::to_string(result) + " " + ResultText(result));
+}
+
+void Host::reportWrite(const RW_VAR& request, int result) {
+    ++stats_.writesDone;
+    std::string text = "write ";
+    auto it = writes_.find(request.varId);
+    if (it != writes_.end()) {
+        text += it->second.write.display();
+        // A write the plug-in cut into several requests: name this one.
+        if (it->second.pieces > 1 || it->second.write.address.count > 1)
+            text += " [request at " + describeRequest(request) + "]";
+        if (--it->second.pieces <= 0) writes_.erase(it);
+    } else {
+        text += describeRequest(request);
     }
-    if (reported && info_.multiStation == 0 && (!writes_.empty() || !reads_.empty())) {
-        // The plug-in empties its write and one-shot queues after a reported
-        // failure; whatever was still queued is gone.
-        int writes = 0;
-        for (const auto& w : writes_) writes += w.second.pieces;
-        if (writes > 0)
-            addEvent("queued writes dropped by the failure (" + std::to_string(writes) + ")");
-        writes_.clear();
-        if (!reads_.empty()) {
-            addEvent("queued one-shot reads dropped by the failure (" +
-                     std::to_string(reads_.size()) + ")");
-            reads_.clear();
-        }
+    addEvent(text + ": result " + std::to_string(result) + " " + ResultText(result));
+}
+
+void Host::reportDroppedQueues() {
+    // The plug-in empties its write and one-shot queues after a reported
+    // failure; whatever was still queued is gone.
+    if (writes_.empty() && reads_.empty()) return;
+    int writes = 0;
+    for (const auto& w : writes_) writes += w.second.pieces;
+    if (writes > 0)
+        addEvent("queued writes dropped by the failure (" + std::to_string(writes) + ")");
+    writes_.clear();
+    if (!reads_.empty()) {
+        addEvent("queued one-shot reads dropped by the failure (" + std::to_string(reads_.size()) +
+                 ")");
+        reads_.clear();
     }
 }
 

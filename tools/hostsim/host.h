@@ -7,7 +7,6 @@
 #include "addresses.h"
 #include "options.h"
 #include "peer/host_loop.h"
-#include "serial_port.h"
 
 #include <atomic>
 #include <chrono>
@@ -26,8 +25,7 @@ namespace hostsim {
 using peer::Plugin;
 using peer::PluginApi;
 
-// Result codes of DataCom's record, in words.
-std::string ResultText(int code);
+// The result codes of DataCom's record that mean the exchange was good.
 bool IsGoodResult(int code);
 
 // One host list entry as ReCreatReadVarList takes it: a data type, the
@@ -104,7 +102,7 @@ public:
 
     // The exchange loop; returns when stop() is called, the exchange limit
     // is reached or the line fails (then false, with lineError()).
-    bool run(SerialPort& port, int wakeFd);
+    bool run(peer::HostPort& port, int wakeFd);
     void stop();
     bool stopping() const { return stop_.load(); }
     std::string lineError() const;
@@ -132,9 +130,17 @@ private:
     };
 
     int rebuildCyclicList();
+    void rebuildIfAsked();
+    void waitForWork();
+    // What DataCom is handed: StandardHandOver, or with --cip-errors-fail
+    // nothing for a reply whose status says the request failed.
+    QByteArray handOver(const peer::Exchange& exchange, bool* cipRejected) const;
     std::string imageValues(const TagAddress& tag);
-    void record(const RW_VAR& request, bool learning, int result, SerialPort::Outcome outcome,
-                bool cipRejected);
+    void record(const peer::Exchange& exchange, bool cipRejected);
+    void countExchange(const peer::Exchange& exchange, bool cipRejected);
+    void markTagResults(const RW_VAR& request, bool learning, int result);
+    void reportWrite(const RW_VAR& request, int result);
+    void reportDroppedQueues();
     void addEvent(const std::string& text);
     std::string describeRequest(const RW_VAR& request) const;
     int nextVarId();

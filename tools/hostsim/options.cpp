@@ -1,6 +1,7 @@
 #include "options.h"
 
-#include "serial_port.h"
+#include "peer/line.h"
+#include "peer/profile.h"
 
 #include <cerrno>
 #include <climits>
@@ -22,11 +23,223 @@ bool ParseInt(const std::string& text, long min, long max, long* value) {
     return true;
 }
 
+// Options that set a whole number within limits, and flags.
+template <typename Field>
+struct NumberOption {
+    const char* name;
+    long min;
+    long max;
+    Field Options::*field;
+};
+constexpr NumberOption<int> kIntOptions[] = {
+    {"--timeout-ms", 1, 600000, &Options::timeoutMs},
+    {"--max-count", 0, 65535, &Options::maxCount},
+    {"--retry-limit", 0, 1000000, &Options::retryLimit},
+    {"--station", 0, 255, &Options::station},
+    {"--write-mode", INT_MIN, INT_MAX, &Options::writeMode},
+    {"--local-link", INT_MIN, INT_MAX, &Options::localLink},
+    {"--interval-ms", 10, 3600000, &Options::intervalMs},
+    {"--sim-turnaround-ms", 0, 10000, &Options::simTurnaroundMs},
+};
+// The built-in simulator's fault periods.
+constexpr long kMaxPeriod = 1000000;
+constexpr NumberOption<uint32_t> kPeriodOptions[] = {
+    {"--sim-drop-every", 0, kMaxPeriod, &Options::simDropEvery},
+    {"--sim-corrupt-every", 0, kMaxPeriod, &Options::simCorruptEvery},
+    {"--sim-truncate-every", 0, kMaxPeriod, &Options::simTruncateEvery},
+};
+struct FlagOption {
+    const char* name;
+    bool Options::*field;
+};
+constexpr FlagOption kFlagOptions[] = {
+    {"--help", &Options::help},
+    {"-h", &Options::help},
+    {"--remote", &Options::remote},
+    {"--multi-station", &Options::multiStation},
+    {"--cip-errors-fail", &Options::cipErrorsFail},
+    {"--keep-reply-done", &Options::keepReplyDone},
+    {"--plain", &Options::plain},
+};
+
+// Walks the arguments: an option's name ("--name=value" split apart), its
+// value from the same or the next argument, and the reasons for refusing.
+class OptionReader {
+public:
+    OptionReader(const std::vector<std::string>& args, std::string* error)
+        : args_(args), error_(error) {}
+
+    // Moves to the next option; false when there is none.
+    bool advance() {
+        if (started_) ++i_;
+        started_ = true;
+        if (i_ >= args_.size()) return false;
+        name_ = args_[i_];
+        value_.clear();
+        hasInlineValue_ = false;
+        const std::size_t eq = name_.find('=');
+        if (name_.rfind("--", 0) == 0 && eq != std::string::npos) {
+            value_ = name_.substr(eq + 1);
+            name_ = name_.substr(0, eq);
+            hasInlineValue_ = true;
+        }
+        return true;
+    }
+    const std::string& name() const { return name_; }
+    const std::string& argument() const { return args_[i_]; }
+
+    bool fail(const std::string& why) {
+        if (error_) *error_ = why;
+        return false;
+    }
+    std::string* error() { return error_; }
+
+    // The option's value; false when there is none.
+    bool next(std::string* v) {
+        if (hasInlineValue_) {
+            *v = value_;
+            return true;
+        }
+        if (i_ + 1 >= args_.size()) return false;
+        *v = args_[++i_];
+        return true;
+    }
+    bool intValue(long min, long max, long* v) {
+        std::string text;
+        if (!next(&text)) return fail("option " + name_ + " needs a value");
+        if (!ParseInt(text, min, max, v))
+            return fail("option " + name_ + ": '" + text + "' is not a number from " +
+                        std::to_string(min) + " to " + std::to_string(max));
+        return true;
+    }
+    bool flag(bool* f) {
+        if (hasInlineValue_) return fail("option " + name_ + " takes no value");
+        *f = true;
+        return true;
+    }
+
+private:
+    const std::vector<std::string>& args_;
+    std::string* error_;
+    std::size_t i_ = 0;
+    bool started_ = false;
+    std::string name_;
+    std::string value_;
+    bool hasInlineValue_ = false;
+};
+
+// Whether an option was one of a group's, and if so whether it was taken.
+enum class Taken { kNotMine, kYes, kRefused };
+
+Taken Result(bool ok) {
+    return ok ? Taken::kYes : Taken::kRefused;
+}
+
+template <typename Field, std::size_t N>
+Taken TakeNumber(OptionReader& in, const NumberOption<Field> (&table)[N], Options& o) {
+    for (const NumberOption<Field>& option : table) {
+        if (in.name() != option.name) continue;
+        long n = 0;
+        if (!in.intValue(option.min, option.max, &n)) return Taken::kRefused;
+        o.*option.field = static_cast<Field>(n);
+        return Taken::kYes;
+    }
+    return Taken::kNotMine;
+}
+
+Taken TakeTableOption(OptionReader& in, Options& o) {
+    for (const Taken taken : {TakeNumber(in, kIntOptions, o), TakeNumber(in, kPeriodOptions, o)})
+        if (taken != Taken::kNotMine) return taken;
+    for (const FlagOption& option : kFlagOptions)
+        if (in.name() == option.name) return Result(in.flag(&(o.*option.field)));
+    return Taken::kNotMine;
+}
+
+Taken TakeLinkOption(OptionReader& in, Options& o) {
+    if (in.name() == "--plugin") {
+        if (!in.next(&o.pluginPath) || o.pluginPath.empty())
+            return Result(in.fail("option --plugin needs a path"));
+        return Taken::kYes;
+    }
+    if (in.name() == "--port") {
+        if (!in.next(&o.port) || o.port.empty())
+            return Result(in.fail("option --port needs a device path"));
+        return Taken::kYes;
+    }
+    if (in.name() != "--baud") return Taken::kNotMine;
+    long n = 0;
+    if (!in.intValue(1, INT_MAX, &n)) return Taken::kRefused;
+    if (!peer::IsSupportedBaud(static_cast<int>(n)))
+        return Result(in.fail("option --baud: unsupported rate " + std::to_string(n) +
+                              " (1200, 2400, 4800, 9600, 19200, 38400, 57600, 115200, 230400)"));
+    o.baud = static_cast<int>(n);
+    return Taken::kYes;
+}
+
+// An option whose value parse reads into one more item of a list.
+template <typename Item>
+Taken TakeParsed(OptionReader& in, const std::string& missing,
+                 bool (*parse)(const std::string&, Item*, std::string*), std::vector<Item>* to) {
+    std::string text;
+    if (!in.next(&text)) return Result(in.fail(missing));
+    Item item;
+    if (!parse(text, &item, in.error())) return Taken::kRefused;
+    to->push_back(item);
+    return Taken::kYes;
+}
+
+Taken TakeListOption(OptionReader& in, Options& o) {
+    const std::string& name = in.name();
+    if (name == "--tag")
+        return TakeParsed(in, "option --tag needs an address such as N7:0x10", ParseTagAddress,
+                          &o.tags);
+    if (name == "--read")
+        return TakeParsed(in, "option --read needs an address such as N7:10x4", ParseTagAddress,
+                          &o.reads);
+    if (name == "--write")
+        return TakeParsed(in, "option --write needs ADDRESS=VALUE, e.g. N7:3=1234",
+                          ParseWriteRequest, &o.writes);
+    if (name == "--sim-set")
+        return TakeParsed(in, "option --sim-set needs ADDRESS=VALUE, e.g. N7:5=42",
+                          ParseWriteRequest, &o.simSets);
+    if (name != "--tags") return Taken::kNotMine;
+    std::string text;
+    if (!in.next(&text)) return Result(in.fail("option --tags needs a file name"));
+    return Result(ReadTagFile(text, &o.tags, in.error()));
+}
+
+Taken TakeLimitOption(OptionReader& in, Options& o) {
+    if (in.name() == "--exchanges") {
+        long n = 0;
+        if (!in.intValue(1, LONG_MAX, &n)) return Taken::kRefused;
+        o.exchanges = static_cast<uint64_t>(n);
+        return Taken::kYes;
+    }
+    if (in.name() != "--duration") return Taken::kNotMine;
+    std::string text;
+    if (!in.next(&text)) return Result(in.fail("option --duration needs a number of seconds"));
+    char* end = nullptr;
+    const double d = std::strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || !std::isfinite(d) || d <= 0)
+        return Result(
+            in.fail("option --duration: '" + text + "' is not a positive number of seconds"));
+    o.durationSeconds = d;
+    return Taken::kYes;
+}
+
+Taken TakeOption(OptionReader& in, Options& o) {
+    for (const auto take : {TakeTableOption, TakeLinkOption, TakeListOption, TakeLimitOption}) {
+        const Taken taken = take(in, o);
+        if (taken != Taken::kNotMine) return taken;
+    }
+    return Result(in.fail("unknown option '" + in.argument() + "' (see --help)"));
+}
+
 }  // namespace
 
 std::vector<TagAddress> DefaultTags() {
     std::vector<TagAddress> tags;
-    for (const char* text : {"N10:0", "N10:1/0", "F9:0", "N7:0 x4"}) {
+    for (const char* text : peer::profile::kDefaultHostTags) {
         TagAddress a;
         std::string ignored;
         ParseTagAddress(text, &a, &ignored);
@@ -62,144 +275,13 @@ bool ReadTagFile(const std::string& path, std::vector<TagAddress>* tags, std::st
 
 bool ParseOptions(const std::vector<std::string>& args, Options* out, std::string* error) {
     Options o;
-    const auto fail = [&](const std::string& why) {
-        if (error) *error = why;
-        return false;
-    };
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        std::string name = args[i];
-        std::string value;
-        bool hasInlineValue = false;
-        if (name.rfind("--", 0) == 0) {
-            const std::size_t eq = name.find('=');
-            if (eq != std::string::npos) {
-                value = name.substr(eq + 1);
-                name = name.substr(0, eq);
-                hasInlineValue = true;
-            }
-        }
-        const auto next = [&](std::string* v) {
-            if (hasInlineValue) {
-                *v = value;
-                return true;
-            }
-            if (i + 1 >= args.size()) return false;
-            *v = args[++i];
-            return true;
-        };
-        const auto intOption = [&](long min, long max, long* v) {
-            std::string text;
-            if (!next(&text)) return fail("option " + name + " needs a value");
-            if (!ParseInt(text, min, max, v))
-                return fail("option " + name + ": '" + text + "' is not a number from " +
-                            std::to_string(min) + " to " + std::to_string(max));
-            return true;
-        };
-        const auto flag = [&](bool* f) {
-            if (hasInlineValue) return fail("option " + name + " takes no value");
-            *f = true;
-            return true;
-        };
-        long n = 0;
-        std::string text;
-        if (name == "--help" || name == "-h") {
-            if (!flag(&o.help)) return false;
-        } else if (name == "--plugin") {
-            if (!next(&o.pluginPath) || o.pluginPath.empty())
-                return fail("option --plugin needs a path");
-        } else if (name == "--port") {
-            if (!next(&o.port) || o.port.empty()) return fail("option --port needs a device path");
-        } else if (name == "--baud") {
-            if (!intOption(1, INT_MAX, &n)) return false;
-            if (!IsSupportedBaud(static_cast<int>(n)))
-                return fail("option --baud: unsupported rate " + std::to_string(n) +
-                            " (1200, 2400, 4800, 9600, 19200, 38400, 57600, 115200, 230400)");
-            o.baud = static_cast<int>(n);
-        } else if (name == "--timeout-ms") {
-            if (!intOption(1, 600000, &n)) return false;
-            o.timeoutMs = static_cast<int>(n);
-        } else if (name == "--max-count") {
-            if (!intOption(0, 65535, &n)) return false;
-            o.maxCount = static_cast<int>(n);
-        } else if (name == "--retry-limit") {
-            if (!intOption(0, 1000000, &n)) return false;
-            o.retryLimit = static_cast<int>(n);
-        } else if (name == "--station") {
-            if (!intOption(0, 255, &n)) return false;
-            o.station = static_cast<int>(n);
-        } else if (name == "--write-mode") {
-            if (!intOption(INT_MIN, INT_MAX, &n)) return false;
-            o.writeMode = static_cast<int>(n);
-        } else if (name == "--local-link") {
-            if (!intOption(INT_MIN, INT_MAX, &n)) return false;
-            o.localLink = static_cast<int>(n);
-        } else if (name == "--remote") {
-            if (!flag(&o.remote)) return false;
-        } else if (name == "--multi-station") {
-            if (!flag(&o.multiStation)) return false;
-        } else if (name == "--tag") {
-            if (!next(&text)) return fail("option --tag needs an address such as N7:0x10");
-            TagAddress a;
-            if (!ParseTagAddress(text, &a, error)) return false;
-            o.tags.push_back(a);
-        } else if (name == "--tags") {
-            if (!next(&text)) return fail("option --tags needs a file name");
-            if (!ReadTagFile(text, &o.tags, error)) return false;
-        } else if (name == "--write") {
-            if (!next(&text)) return fail("option --write needs ADDRESS=VALUE, e.g. N7:3=1234");
-            WriteRequest w;
-            if (!ParseWriteRequest(text, &w, error)) return false;
-            o.writes.push_back(w);
-        } else if (name == "--read") {
-            if (!next(&text)) return fail("option --read needs an address such as N7:10x4");
-            TagAddress a;
-            if (!ParseTagAddress(text, &a, error)) return false;
-            o.reads.push_back(a);
-        } else if (name == "--duration") {
-            if (!next(&text)) return fail("option --duration needs a number of seconds");
-            char* end = nullptr;
-            const double d = std::strtod(text.c_str(), &end);
-            if (text.empty() || *end != '\0' || !std::isfinite(d) || d <= 0)
-                return fail("option --duration: '" + text +
-                            "' is not a positive number of seconds");
-            o.durationSeconds = d;
-        } else if (name == "--exchanges") {
-            if (!intOption(1, LONG_MAX, &n)) return false;
-            o.exchanges = static_cast<uint64_t>(n);
-        } else if (name == "--cip-errors-fail") {
-            if (!flag(&o.cipErrorsFail)) return false;
-        } else if (name == "--keep-reply-done") {
-            if (!flag(&o.keepReplyDone)) return false;
-        } else if (name == "--interval-ms") {
-            if (!intOption(10, 3600000, &n)) return false;
-            o.intervalMs = static_cast<int>(n);
-        } else if (name == "--plain") {
-            if (!flag(&o.plain)) return false;
-        } else if (name == "--sim-set") {
-            if (!next(&text)) return fail("option --sim-set needs ADDRESS=VALUE, e.g. N7:5=42");
-            WriteRequest w;
-            if (!ParseWriteRequest(text, &w, error)) return false;
-            o.simSets.push_back(w);
-        } else if (name == "--sim-turnaround-ms") {
-            if (!intOption(0, 10000, &n)) return false;
-            o.simTurnaroundMs = static_cast<int>(n);
-        } else if (name == "--sim-drop-every") {
-            if (!intOption(0, 1000000, &n)) return false;
-            o.simDropEvery = static_cast<uint32_t>(n);
-        } else if (name == "--sim-corrupt-every") {
-            if (!intOption(0, 1000000, &n)) return false;
-            o.simCorruptEvery = static_cast<uint32_t>(n);
-        } else if (name == "--sim-truncate-every") {
-            if (!intOption(0, 1000000, &n)) return false;
-            o.simTruncateEvery = static_cast<uint32_t>(n);
-        } else {
-            return fail("unknown option '" + args[i] + "' (see --help)");
-        }
-    }
+    OptionReader in(args, error);
+    while (in.advance())
+        if (TakeOption(in, o) == Taken::kRefused) return false;
     if (!o.port.empty()) {
         const bool simOnly =
             !o.simSets.empty() || o.simDropEvery || o.simCorruptEvery || o.simTruncateEvery;
-        if (simOnly) return fail("the --sim-* options need the built-in simulator (no --port)");
+        if (simOnly) return in.fail("the --sim-* options need the built-in simulator (no --port)");
     }
     *out = o;
     return true;

@@ -65,6 +65,7 @@ struct Exchange {
     bool learning = false;  // the request's reply length was not known yet
     RW_VAR request;         // the variable the request serves, as queued
     QByteArray frame;       // the request as sent
+    int timeoutMs = 0;      // how long its reply is waited for
     LineOutcome outcome = LineOutcome::kTimeout;
     QByteArray received;  // every byte that came off the line
     QByteArray handed;    // the bytes handed to DataCom
@@ -87,14 +88,15 @@ QByteArray StandardHandOver(const Exchange& exchange);
 
 struct ExchangeHooks {
     // Sees the request before it goes out (to arm a fault for exactly that
-    // exchange, or to zero replyDone in remote mode).
+    // exchange, or to zero replyDone in remote mode); it may shorten the
+    // exchange's timeoutMs when it knows no complete reply will come.
     std::function<void(Exchange&)> beforeSend;
     // Chooses the bytes handed to DataCom; StandardHandOver when empty.
     std::function<QByteArray(const Exchange&)> handOver;
 };
 
 // One turn: ComCommunication; when it returns a request, send its frame on
-// the port, collect the reply within timeoutMs (wakeFd as for
+// the port, collect the reply within timeoutMs (or what beforeSend set) (wakeFd as for
 // HostPort::exchange), hand DataCom what handOver chooses and read its
 // record. A turn whose ComCommunication returns nothing has sent false and
 // calls nothing else; one whose port reports kStopped or kError calls no

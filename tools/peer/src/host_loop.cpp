@@ -79,13 +79,15 @@ Exchange RunExchange(const PluginApi& api, HostPort& port, int timeoutMs, int wa
     e.frame = p->frame;
     e.request = p->var;
     e.learning = p->replyLen == -1;
+    e.timeoutMs = timeoutMs;
     if (hooks.beforeSend) hooks.beforeSend(e);
 
     std::vector<uint8_t> reply;
-    e.outcome = port.exchange(reinterpret_cast<const uint8_t*>(e.frame.constData()),
-                              static_cast<std::size_t>(e.frame.size()), timeoutMs, wakeFd, &reply);
-    e.received = QByteArray(reinterpret_cast<const char*>(reply.data()),
-                            static_cast<int>(reply.size()));
+    e.outcome =
+        port.exchange(reinterpret_cast<const uint8_t*>(e.frame.constData()),
+                      static_cast<std::size_t>(e.frame.size()), e.timeoutMs, wakeFd, &reply);
+    e.received =
+        QByteArray(reinterpret_cast<const char*>(reply.data()), static_cast<int>(reply.size()));
     // The host is stopping or its line failed: the exchange is abandoned and
     // the request stays queued for the next turn.
     if (e.outcome == LineOutcome::kStopped || e.outcome == LineOutcome::kError) return e;

@@ -234,11 +234,16 @@ SerialLine::~SerialLine() {
 
 const char* LineOutcomeName(LineOutcome outcome) {
     switch (outcome) {
-        case LineOutcome::kReply: return "reply";
-        case LineOutcome::kRefused: return "refused";
-        case LineOutcome::kTimeout: return "timeout";
-        case LineOutcome::kStopped: return "stopped";
-        case LineOutcome::kError: return "error";
+        case LineOutcome::kReply:
+            return "reply";
+        case LineOutcome::kRefused:
+            return "refused";
+        case LineOutcome::kTimeout:
+            return "timeout";
+        case LineOutcome::kStopped:
+            return "stopped";
+        case LineOutcome::kError:
+            return "error";
     }
     return "?";
 }
@@ -354,7 +359,7 @@ LineOutcome HostPort::collect(int timeoutMs, int wakeFd, std::vector<uint8_t>* r
             // Bytes after the end of the reply are not taken.
             *reply = std::move(event->raw);
             return event->kind == Df1Event::Kind::kRefused ? LineOutcome::kRefused
-                                                            : LineOutcome::kReply;
+                                                           : LineOutcome::kReply;
         }
     }
     *reply = receiver.pending();
