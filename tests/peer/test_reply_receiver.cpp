@@ -183,9 +183,13 @@ TEST_P(ReplyStatus, IsReadFromTheBody) {
     EXPECT_TRUE(s.parsed);
     EXPECT_EQ(s.df1Status, row.df1Status);
     EXPECT_EQ(s.hasCip, row.hasCip);
-    if (row.hasCip) EXPECT_EQ(s.cipGeneral, row.cipGeneral);
+    if (row.hasCip) {
+        EXPECT_EQ(s.cipGeneral, row.cipGeneral);
+    }
     EXPECT_EQ(s.hasEmbedded, row.hasEmbedded);
-    if (row.hasEmbedded) EXPECT_EQ(s.embeddedGeneral, row.embeddedGeneral);
+    if (row.hasEmbedded) {
+        EXPECT_EQ(s.embeddedGeneral, row.embeddedGeneral);
+    }
     EXPECT_EQ(s.failed(), row.failed);
 }
 
@@ -207,7 +211,7 @@ INSTANTIATE_TEST_SUITE_P(
         StatusRow{"WriteConfirmationIsNotAFailure",
                   "00 00 4B 00 21 00 00 00 8A 00 00 00 01 00 04 00 D3 00 00 00", true, 0, true, 0,
                   0, false}),
-    [](const ::testing::TestParamInfo<StatusRow>& info) { return std::string(info.param.name); });
+    [](const ::testing::TestParamInfo<StatusRow>& row) { return std::string(row.param.name); });
 
 TEST(ReplyStatusOf, NoBodyIsNotParsed) {
     const auto s = peer::ReadReplyStatus(Bytes("10 15"));
