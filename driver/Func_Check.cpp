@@ -64,12 +64,9 @@ int CheckGetData(const QByteArray& reply, int len) {
 
     if (PLC_driver.protocolList.isEmpty()) return 0;
     switch (PLC_driver.protocolList.first().var.aux2) {
-        case 0:
-            return 1;
-        case 1:
-            return 2;
-        default:
-            return 0;
+        case 0: return 1;
+        case 1: return 2;
+        default: return 0;
     }
 }
 

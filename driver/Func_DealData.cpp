@@ -77,18 +77,11 @@ void SaveToLocalDataErea(const QByteArray& reply) {
     // host reads it.
     switch (d.protocolList.first().var.dataType) {
         case ABCL_BIT_A:
-        case ABCL_WORD_A:
-            SaveWordToUS(reply, d.areaA);
-            break;
+        case ABCL_WORD_A: SaveWordToUS(reply, d.areaA); break;
         case ABCL_BIT_B:
-        case ABCL_WORD_B:
-            SaveWordToUS(reply, d.areaB);
-            break;
-        case ABCL_REAL:
-            SaveWordToUI(reply, d.areaD);
-            break;
-        default:
-            break;
+        case ABCL_WORD_B: SaveWordToUS(reply, d.areaB); break;
+        case ABCL_REAL: SaveWordToUI(reply, d.areaD); break;
+        default: break;
     }
 }
 

@@ -136,23 +136,12 @@ void WriteDataToLocal(RW_VAR* var) {
     DriverLock lock(&d.imageMutex);
     if (settings().multiStation != 0) return;  // several stations: no image is kept
     switch (var->dataType) {
-        case ABCL_BIT_A:
-            SetBitToUS(var->address, d.areaA, var->data, var->count);
-            break;
-        case ABCL_BIT_B:
-            SetBitToUS(var->address, d.areaB, var->data, var->count);
-            break;
-        case ABCL_WORD_A:
-            SetWordToUS(var->address, d.areaA, var->data, var->count);
-            break;
-        case ABCL_WORD_B:
-            SetWordToUS(var->address, d.areaB, var->data, var->count);
-            break;
-        case ABCL_REAL:
-            SetWordToUI(var->address, d.areaD, var->data, var->count);
-            break;
-        default:
-            break;
+        case ABCL_BIT_A: SetBitToUS(var->address, d.areaA, var->data, var->count); break;
+        case ABCL_BIT_B: SetBitToUS(var->address, d.areaB, var->data, var->count); break;
+        case ABCL_WORD_A: SetWordToUS(var->address, d.areaA, var->data, var->count); break;
+        case ABCL_WORD_B: SetWordToUS(var->address, d.areaB, var->data, var->count); break;
+        case ABCL_REAL: SetWordToUI(var->address, d.areaD, var->data, var->count); break;
+        default: break;
     }
 }
 
@@ -166,23 +155,12 @@ int GetRegisterData(int /*unused1*/, int dataType, QString addr, int /*unused2*/
     QByteArray values = *out;
     if (settings().multiStation == 0) {
         switch (dataType) {
-            case ABCL_BIT_A:
-                GetBitFromUS(&values, d.areaA, a, count);
-                break;
-            case ABCL_BIT_B:
-                GetBitFromUS(&values, d.areaB, a, count);
-                break;
-            case ABCL_WORD_A:
-                GetWordFromUS(&values, d.areaA, a, count);
-                break;
-            case ABCL_WORD_B:
-                GetWordFromUS(&values, d.areaB, a, count);
-                break;
-            case ABCL_REAL:
-                GetWordFromUI(&values, d.areaD, a, count);
-                break;
-            default:
-                break;
+            case ABCL_BIT_A: GetBitFromUS(&values, d.areaA, a, count); break;
+            case ABCL_BIT_B: GetBitFromUS(&values, d.areaB, a, count); break;
+            case ABCL_WORD_A: GetWordFromUS(&values, d.areaA, a, count); break;
+            case ABCL_WORD_B: GetWordFromUS(&values, d.areaB, a, count); break;
+            case ABCL_REAL: GetWordFromUI(&values, d.areaD, a, count); break;
+            default: break;
         }
     }
     *out = values;

@@ -28,14 +28,9 @@ void ReadRegister(RW_VAR* var) {
         case ABCL_BIT_A:
         case ABCL_BIT_B:
         case ABCL_WORD_A:
-        case ABCL_WORD_B:
-            ReadAnalog(var);
-            break;
-        case ABCL_REAL:
-            ReadAnalog_F(var);
-            break;
-        default:
-            break;  // unsupported types build nothing
+        case ABCL_WORD_B: ReadAnalog(var); break;
+        case ABCL_REAL: ReadAnalog_F(var); break;
+        default: break;  // unsupported types build nothing
     }
 }
 

@@ -43,18 +43,11 @@ void WriteRegister(RW_VAR* var) {
     if (!var) return;
     switch (var->dataType) {
         case ABCL_BIT_A:
-        case ABCL_BIT_B:
-            WriteBool(var);
-            break;
+        case ABCL_BIT_B: WriteBool(var); break;
         case ABCL_WORD_A:
-        case ABCL_WORD_B:
-            WriteAnalog(var);
-            break;
-        case ABCL_REAL:
-            WriteAnalog_F(var);
-            break;
-        default:
-            break;
+        case ABCL_WORD_B: WriteAnalog(var); break;
+        case ABCL_REAL: WriteAnalog_F(var); break;
+        default: break;
     }
     // While the link is failing the value was mirrored when the host queued it,
     // and rebuilt frames of a retried write must not mirror it again.

@@ -166,24 +166,15 @@ Protocol* ComCommunication() {
 
 int GetDriverReturnValue(int outcome) {
     switch (outcome) {
-        case kLocalGood:
-            return 1;
-        case kLocalBadReply:
-            return SwitchErrorReturn(10);
-        case kLocalNoReply:
-            return SwitchErrorReturn(40);
-        case kLocalWrongLength:
-            return SwitchErrorReturn(70);
-        case kRemoteGood:
-            return 100;
-        case kRemoteBadReply:
-            return SwitchErrorReturn(110);
-        case kRemoteNoReply:
-            return SwitchErrorReturn(140);
-        case kRemoteWrongLength:
-            return SwitchErrorReturn(170);
-        default:
-            return 200;
+        case kLocalGood: return 1;
+        case kLocalBadReply: return SwitchErrorReturn(10);
+        case kLocalNoReply: return SwitchErrorReturn(40);
+        case kLocalWrongLength: return SwitchErrorReturn(70);
+        case kRemoteGood: return 100;
+        case kRemoteBadReply: return SwitchErrorReturn(110);
+        case kRemoteNoReply: return SwitchErrorReturn(140);
+        case kRemoteWrongLength: return SwitchErrorReturn(170);
+        default: return 200;
     }
 }
 
@@ -260,8 +251,7 @@ void AdvanceQueue(bool local) {
                 d.readList.move(0, d.readList.size() - 1);
             }
             break;
-        default:
-            break;
+        default: break;
     }
 }
 

@@ -82,8 +82,7 @@ void ModelWrite(uint16_t* words, uint32_t* reals, int dataType, int64_t index, i
                 reals[index + k] = v;
             }
             break;
-        default:
-            break;
+        default: break;
     }
 }
 

@@ -198,23 +198,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const QByteArray reply = (control & 0x08) ? fuzz::Framed(raw) : raw;
         int len = reply.size();
         switch (control & 7) {
-            case 3:
-                len = 0;
-                break;
-            case 4:
-                len = reply.size() - delta;
-                break;
-            case 5:
-                len = reply.size() + delta;
-                break;
-            case 6:
-                len = -(delta + 1);
-                break;
-            case 7:
-                len = in.i32();
-                break;
-            default:
-                break;
+            case 3: len = 0; break;
+            case 4: len = reply.size() - delta; break;
+            case 5: len = reply.size() + delta; break;
+            case 6: len = -(delta + 1); break;
+            case 7: len = in.i32(); break;
+            default: break;
         }
 
         Protocol* request = ComCommunication();

@@ -303,14 +303,9 @@ TEST_P(OutcomeCodes, ReportedWithVariableSubCode) {
     QByteArray reply = WriteReply(tns);
     int len = reply.size();
     switch (row.reply) {
-        case Reply::Good:
-            break;
-        case Reply::BadCheck:
-            reply[26] = static_cast<char>(reply[26] ^ 0x01);
-            break;
-        case Reply::BadEnvelope:
-            reply[1] = 0x15;
-            break;
+        case Reply::Good: break;
+        case Reply::BadCheck: reply[26] = static_cast<char>(reply[26] ^ 0x01); break;
+        case Reply::BadEnvelope: reply[1] = 0x15; break;
         case Reply::Silent:
             reply.clear();
             len = 0;
@@ -319,9 +314,7 @@ TEST_P(OutcomeCodes, ReportedWithVariableSubCode) {
             reply = Framed(ReplyBody(tns, 0x53, Hex("00 00")));
             len = reply.size();
             break;
-        case Reply::NegativeLength:
-            len = -1;
-            break;
+        case Reply::NegativeLength: len = -1; break;
     }
     RW_VAR* r = DataCom(reply, len);
     EXPECT_EQ(r->result, row.expected);
@@ -961,23 +954,12 @@ TEST_F(ReplyProcessing, Garbage_RandomRepliesAndLengths_NeverCrashOrInventCodes)
         }
         int len = reply.size();
         switch (rng() % 6) {
-            case 0:
-                len = 0;
-                break;
-            case 1:
-                len = -static_cast<int>(rng() % 1000) - 1;
-                break;
-            case 2:
-                len = reply.size() + 1 + static_cast<int>(rng() % 100);
-                break;
-            case 3:
-                len = static_cast<int>(rng() % static_cast<unsigned>(reply.size() + 1));
-                break;
-            case 4:
-                len = 100000;
-                break;
-            default:
-                break;
+            case 0: len = 0; break;
+            case 1: len = -static_cast<int>(rng() % 1000) - 1; break;
+            case 2: len = reply.size() + 1 + static_cast<int>(rng() % 100); break;
+            case 3: len = static_cast<int>(rng() % static_cast<unsigned>(reply.size() + 1)); break;
+            case 4: len = 100000; break;
+            default: break;
         }
         const int result = DataCom(reply, len)->result;
         ASSERT_TRUE(IsKnownResult(result)) << "iteration " << i << " result " << result;

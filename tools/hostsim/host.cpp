@@ -40,15 +40,11 @@ QByteArray ToQByteArray(const std::vector<uint8_t>& bytes) {
 char LetterOf(int dataType) {
     switch (dataType) {
         case kBitA:
-        case kWordA:
-            return 'B';
+        case kWordA: return 'B';
         case kBitB:
-        case kWordB:
-            return 'N';
-        case kReal:
-            return 'F';
-        default:
-            return '?';
+        case kWordB: return 'N';
+        case kReal: return 'F';
+        default: return '?';
     }
 }
 

@@ -157,9 +157,7 @@ TagRequest DecodeTagRequest(const uint8_t* p, std::size_t n) {
             request.extraBytes = size - 2 - masks;
             break;
         }
-        default:
-            request.status = CipStatus::Error(cip::kServiceNotSupported);
-            break;
+        default: request.status = CipStatus::Error(cip::kServiceNotSupported); break;
     }
     return request;
 }
@@ -287,8 +285,7 @@ TagReply ExecuteTagRequest(const TagRequest& request, TagMemory& memory, std::si
                               static_cast<uint16_t>(request.orMask),
                               static_cast<uint16_t>(request.andMask));
             return reply;
-        default:
-            return Fail(service, CipStatus::Error(cip::kServiceNotSupported));
+        default: return Fail(service, CipStatus::Error(cip::kServiceNotSupported));
     }
 }
 

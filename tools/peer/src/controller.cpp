@@ -119,9 +119,7 @@ std::vector<Transmission> Controller::receive(const uint8_t* bytes, std::size_t 
 void Controller::handleDf1Event(const Df1Event& event, int64_t nowMs,
                                 std::vector<Transmission>* out) {
     switch (event.kind) {
-        case Df1Event::Kind::kOverflow:
-            ++counters_.overflows;
-            return;
+        case Df1Event::Kind::kOverflow: ++counters_.overflows; return;
         case Df1Event::Kind::kRefused:  // a replies-side event; never seen here
             return;
         case Df1Event::Kind::kBadBlockCheck:
@@ -131,8 +129,7 @@ void Controller::handleDf1Event(const Df1Event& event, int64_t nowMs,
                 out->push_back({{df1::kDle, df1::kNak}, 0});
             }
             return;
-        case Df1Event::Kind::kFrame:
-            break;
+        case Df1Event::Kind::kFrame: break;
     }
     ++counters_.framesReceived;
     if (options_.detectDuplicates &&

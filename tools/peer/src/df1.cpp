@@ -117,16 +117,14 @@ std::optional<Df1Event> Df1Receiver::push(uint8_t byte) {
         case State::kIdle:
             if (byte == df1::kDle) state_ = State::kIdleDle;
             return std::nullopt;
-        case State::kIdleDle:
-            return idleDle(byte);
+        case State::kIdleDle: return idleDle(byte);
         case State::kBody:
             if (byte == df1::kDle) {
                 state_ = State::kBodyDle;
                 return std::nullopt;
             }
             return addBodyByte(byte);
-        case State::kBodyDle:
-            return bodyDle(byte);
+        case State::kBodyDle: return bodyDle(byte);
         case State::kBlockCheck: {
             std::vector<uint8_t> body;
             body.swap(body_);

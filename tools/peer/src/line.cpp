@@ -234,16 +234,11 @@ SerialLine::~SerialLine() {
 
 const char* LineOutcomeName(LineOutcome outcome) {
     switch (outcome) {
-        case LineOutcome::kReply:
-            return "reply";
-        case LineOutcome::kRefused:
-            return "refused";
-        case LineOutcome::kTimeout:
-            return "timeout";
-        case LineOutcome::kStopped:
-            return "stopped";
-        case LineOutcome::kError:
-            return "error";
+        case LineOutcome::kReply: return "reply";
+        case LineOutcome::kRefused: return "refused";
+        case LineOutcome::kTimeout: return "timeout";
+        case LineOutcome::kStopped: return "stopped";
+        case LineOutcome::kError: return "error";
     }
     return "?";
 }

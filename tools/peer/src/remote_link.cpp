@@ -19,15 +19,11 @@ uint32_t Be32(const uint8_t* p) {
 char LetterOf(uint16_t dataType) {
     switch (dataType) {
         case remote::kBitOfB:
-        case remote::kWordOfB:
-            return 'B';
+        case remote::kWordOfB: return 'B';
         case remote::kBitOfN:
-        case remote::kWordOfN:
-            return 'N';
-        case remote::kReal:
-            return 'F';
-        default:
-            return 0;
+        case remote::kWordOfN: return 'N';
+        case remote::kReal: return 'F';
+        default: return 0;
     }
 }
 

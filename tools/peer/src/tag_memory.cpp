@@ -35,24 +35,18 @@ bool ParseDecimal(const std::string& text, long max, long* value) {
 std::size_t ElementSize(char letter) {
     switch (letter) {
         case 'B':
-        case 'N':
-            return 2;
-        case 'F':
-            return 4;
-        default:
-            return 0;
+        case 'N': return 2;
+        case 'F': return 4;
+        default: return 0;
     }
 }
 
 uint16_t ElementType(char letter) {
     switch (letter) {
         case 'B':
-        case 'N':
-            return cip::kTypeInt;
-        case 'F':
-            return cip::kTypeReal;
-        default:
-            return 0;
+        case 'N': return cip::kTypeInt;
+        case 'F': return cip::kTypeReal;
+        default: return 0;
     }
 }
 
