@@ -9,13 +9,21 @@
 #   armhf   cross-built for the 32-bit ARM panel and run under qemu-arm; the
 #           layout static_asserts in the public header only hold there, so a
 #           successful compile is itself the proof of the 32-bit layout
+#   clang   Release (-O3, NDEBUG) built with clang, the native suite
+#   package the Debian packages for amd64 and armhf (scripts/package.sh, lintian
+#           errors fail it), then scripts/check-packages.sh: a host project
+#           (tests/consumer) built from an installed prefix and from the
+#           unpacked packages reads a value from the installed plcsim; under
+#           qemu-arm for armhf. Each check counts as one test.
+#
+# Every run treats the project's warnings as errors (ABCL_WERROR=ON).
 #
 # Run from anywhere as `bash scripts/test.sh` (root, or with sudo available:
 # missing Debian packages are installed first). Each run has its own build
 # directory under build/ and is rebuilt incrementally next time.
 #
 # Environment:
-#   ABCL_RUNS          runs to do, in order (default "native asan tsan armhf")
+#   ABCL_RUNS          runs to do, in order (default "native asan tsan armhf clang package")
 #   ABCL_JOBS          parallel compile jobs (default: nproc)
 #   ABCL_CTEST_JOBS    parallel test processes (default 1)
 #   ABCL_TEST_TIMEOUT  seconds one test may take before it counts as failed (default 300)
@@ -38,7 +46,7 @@ set -uo pipefail
 repo_root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$repo_root" || exit 1
 
-runs=${ABCL_RUNS:-native asan tsan armhf}
+runs=${ABCL_RUNS:-native asan tsan armhf clang package}
 jobs=${ABCL_JOBS:-$(nproc 2>/dev/null || echo 2)}
 ctest_jobs=${ABCL_CTEST_JOBS:-1}
 test_timeout=${ABCL_TEST_TIMEOUT:-300}
@@ -47,8 +55,8 @@ sysroot=${ABCL_ARMHF_SYSROOT:-$build_root/armhf-sysroot}
 
 for run in $runs; do
     case $run in
-        native | asan | tsan | armhf) ;;
-        *) echo "test.sh: unknown run '$run' in ABCL_RUNS (native asan tsan armhf)" >&2; exit 2 ;;
+        native | asan | tsan | armhf | clang | package) ;;
+        *) echo "test.sh: unknown run '$run' in ABCL_RUNS (native asan tsan armhf clang package)" >&2; exit 2 ;;
     esac
 done
 
@@ -60,7 +68,8 @@ packages=(
     cmake make g++ pkg-config file binutils clang-format
     qtbase5-dev libgtest-dev libgmock-dev libbenchmark-dev
     crossbuild-essential-armhf qemu-user
-    debian-archive-keyring
+    debian-archive-keyring clang
+    dpkg-dev fakeroot lintian help2man
 )
 
 source "$repo_root/scripts/packages.sh"
@@ -142,7 +151,7 @@ run_ctest() {
 configure_and_build() {
     local dir=$1; shift
     local t0=$SECONDS t1 keep_going=(-k)
-    if ! cmake -S "$repo_root" -B "$dir" "$@"; then
+    if ! cmake -S "$repo_root" -B "$dir" -DABCL_WERROR=ON "$@"; then
         run_status[$run]="configure failed"
         return 1
     fi
@@ -265,6 +274,40 @@ do_armhf() {
     test_build "$dir" $rc --no-tests=error
 }
 
+do_clang() {
+    local dir=$build_root/clang rc=0
+    configure_and_build "$dir" -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_COMPILER=clang++ \
+        -DCMAKE_CXX_FLAGS= -DABCL_SANITIZE= -DABCL_BUILD_BENCH=OFF -DABCL_BUILD_FUZZ=OFF || rc=$?
+    test_build "$dir" $rc --no-tests=error
+}
+
+# Counts the "check NAME: passed|failed" lines of scripts/check-packages.sh
+# as the run's tests.
+do_package() {
+    local t0=$SECONDS t1 log=$build_root/package-checks.log rc=0
+    if ! ABCL_BUILD_ROOT=$build_root ABCL_ARMHF_SYSROOT=$sysroot ABCL_JOBS=$jobs ABCL_WERROR=ON \
+        bash "$repo_root/scripts/package.sh" "$build_root/packages"; then
+        run_status[$run]="packages could not be made (build or lintian error)"
+        run_times[$run]="packages $(elapsed $((SECONDS - t0)))"
+        return 1
+    fi
+    t1=$SECONDS
+    bash "$repo_root/scripts/check-packages.sh" "$build_root/packages" \
+        "$build_root/package-amd64" "$sysroot" 2>&1 | tee "$log"
+    rc=${PIPESTATUS[0]}
+    run_times[$run]="packages $(elapsed $((t1 - t0))), checks $(elapsed $((SECONDS - t1)))"
+    run_passed[$run]=$(grep -cE '^check .*: passed$' "$log")
+    run_failed[$run]=$(grep -cE '^check .*: failed$' "$log")
+    total_passed=$((total_passed + run_passed[$run]))
+    total_failed=$((total_failed + run_failed[$run]))
+    local counts="${run_passed[$run]} passed, ${run_failed[$run]} failed"
+    if ((rc != 0 || run_failed[$run] > 0 || run_passed[$run] == 0)); then
+        run_status[$run]="failed ($counts)"
+        return 1
+    fi
+    run_status[$run]="passed ($counts)"
+}
+
 declare -A run_note
 ctest_prefix=()
 for run in $runs; do
@@ -280,7 +323,7 @@ done
 # ---------------------------------------------------------------- summary --
 banner "summary"
 for run in $runs; do
-    printf '%-7s %s%s   [%s]\n' "$run:" "${run_status[$run]:-not run}" "${run_note[$run]:-}" "${run_times[$run]}"
+    printf '%-8s %s%s   [%s]\n' "$run:" "${run_status[$run]:-not run}" "${run_note[$run]:-}" "${run_times[$run]}"
 done
 echo "whole script: $(elapsed $((SECONDS - script_start)))"
 ((total_failed > 0)) && any_failure=1

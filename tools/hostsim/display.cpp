@@ -142,8 +142,10 @@ void PrintPlain(const Snapshot& s, const char* marker) {
 }
 
 void DrawScreen(const ScreenParts& parts, const Snapshot& s) {
-    const auto [width, height] = TerminalSize();
-    const auto line = [width = width](std::string text) {
+    const auto [columns, height] = TerminalSize();
+    // A copy: a structured binding cannot be captured before C++20.
+    const std::size_t width = columns;
+    const auto line = [width](std::string text) {
         if (text.size() > width) text.resize(width);
         return text + "\x1b[K\n";
     };

@@ -7,6 +7,7 @@
 #include "display.h"
 #include "host.h"
 #include "options.h"
+#include "plugin_locator.h"
 #include "peer/host_loop.h"
 #include "peer/line.h"
 
@@ -27,6 +28,9 @@
 
 #ifndef HOSTSIM_DEFAULT_PLUGIN
 #define HOSTSIM_DEFAULT_PLUGIN "libAB_ControlLogix_CompactLogix.so"
+#endif
+#ifndef HOSTSIM_INSTALLED_PLUGIN
+#define HOSTSIM_INSTALLED_PLUGIN ""
 #endif
 
 namespace {
@@ -292,8 +296,13 @@ int main(int argc, char** argv) {
     }
     const std::vector<hostsim::TagAddress> tags =
         options.tags.empty() ? hostsim::DefaultTags() : options.tags;
+    // --plugin wins; else the installed plug-in beside this program, else the
+    // build tree's.
     const std::string pluginPath =
-        options.pluginPath.empty() ? std::string(HOSTSIM_DEFAULT_PLUGIN) : options.pluginPath;
+        options.pluginPath.empty()
+            ? hostsim::LocatePlugin(hostsim::SelfExecutablePath(), HOSTSIM_INSTALLED_PLUGIN,
+                                    HOSTSIM_DEFAULT_PLUGIN)
+            : options.pluginPath;
 
     peer::Plugin plugin;
     if (!plugin.load(pluginPath, &error)) return Fail(hostsim::kExitPlugin, error);

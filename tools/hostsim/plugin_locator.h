@@ -1,0 +1,23 @@
+// Where hostsim finds the plug-in when --plugin does not name one: beside its
+// own program in the installed layout, else where the build tree put it. An
+// installed hostsim must not depend on a build directory that may be gone.
+#ifndef HOSTSIM_PLUGIN_LOCATOR_H
+#define HOSTSIM_PLUGIN_LOCATOR_H
+
+#include <string>
+
+namespace hostsim {
+
+// The running program's own path (/proc/self/exe), empty if it cannot be read.
+std::string SelfExecutablePath();
+
+// The first existing file of: the directory of selfExe joined with
+// installRelative (such as "../lib/<folder>/libX.so"), then buildTreePath.
+// When neither exists the build-tree path is returned (or, without one, the
+// install candidate), so the loader's error names a path that was tried.
+std::string LocatePlugin(const std::string& selfExe, const std::string& installRelative,
+                         const std::string& buildTreePath);
+
+}  // namespace hostsim
+
+#endif  // HOSTSIM_PLUGIN_LOCATOR_H
