@@ -462,12 +462,11 @@ TEST(CalCRC, NothingGivesZero) {
 }
 
 TEST(CalCRC, SingleBytes) {
-    const unsigned char one[] = {0x01};
-    EXPECT_EQ(CalCRC(one, 1), 0xC0C1);
-    const unsigned char zero[] = {0x00};
-    EXPECT_EQ(CalCRC(zero, 1), 0x0000);
-    const unsigned char ff[] = {0xFF};
-    EXPECT_EQ(CalCRC(ff, 1), 0x4040);
+    const struct {
+        unsigned char byte;
+        int crc;
+    } cases[] = {{0x01, 0xC0C1}, {0x00, 0x0000}, {0xFF, 0x4040}};
+    for (const auto& c : cases) EXPECT_EQ(CalCRC(&c.byte, 1), c.crc) << "byte " << int{c.byte};
 }
 
 TEST(CalCRC, MatchesBitwiseDefinition) {

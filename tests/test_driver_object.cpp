@@ -12,6 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <tuple>
+#include <utility>
 
 namespace {
 
@@ -101,12 +103,11 @@ TEST(DriverAfterLoad, NoSettingsAndNoCallback) {
 
 TEST(DriverAfterLoad, ModeIs100AndCountersZero) {
     ASSERT_TRUE(g_loadState.captured);
-    EXPECT_EQ(g_loadState.mode, 100);
-    EXPECT_EQ(g_loadState.writeBurst, 0);
-    EXPECT_EQ(g_loadState.onceBurst, 0);
-    EXPECT_EQ(g_loadState.cycleCount, 0);
-    EXPECT_EQ(g_loadState.commError, 0);
-    EXPECT_EQ(g_loadState.commError2, 0);
+    // (mode, writeBurst, onceBurst, cycleCount, commError, commError2)
+    EXPECT_EQ(
+        std::make_tuple(g_loadState.mode, g_loadState.writeBurst, g_loadState.onceBurst,
+                        g_loadState.cycleCount, g_loadState.commError, g_loadState.commError2),
+        std::make_tuple(100, 0, 0, 0, 0, 0));
 }
 
 TEST(DriverAfterLoad, TransactionNumberIn0To254) {
@@ -169,12 +170,10 @@ TEST_F(DriverReset, ResetRestoresLoadState) {
 
     EXPECT_EQ(PLC_driver.comInfo, nullptr);
     EXPECT_EQ(PLC_driver.callBack, nullptr);
-    EXPECT_EQ(PLC_driver.mode, 100);
-    EXPECT_EQ(PLC_driver.writeBurst, 0);
-    EXPECT_EQ(PLC_driver.onceBurst, 0);
-    EXPECT_EQ(PLC_driver.cycleCount, 0);
-    EXPECT_EQ(PLC_driver.commError, 0);
-    EXPECT_EQ(PLC_driver.commError2, 0);
+    // (mode, writeBurst, onceBurst, cycleCount, commError, commError2)
+    EXPECT_EQ(std::make_tuple(PLC_driver.mode, PLC_driver.writeBurst, PLC_driver.onceBurst,
+                              PLC_driver.cycleCount, PLC_driver.commError, PLC_driver.commError2),
+              std::make_tuple(100, 0, 0, 0, 0, 0));
     EXPECT_TRUE(AllZero(PLC_driver.areaA));
     EXPECT_TRUE(AllZero(PLC_driver.areaB));
     EXPECT_TRUE(AllZero(PLC_driver.areaD));
@@ -312,8 +311,7 @@ TEST_F(DriverReset, SetComInfoZeroesBothStartFlagsOnly) {
 }
 
 TEST_F(DriverReset, SecondSetComInfoRedirectsAllSettings) {
-    ComInfo second;
-    std::memset(&second, 0, sizeof second);
+    ComInfo second = {};
     second.startFlagA = 11;
     second.startFlagB = 12;
     info.startFlagA = 21;
@@ -333,15 +331,10 @@ TEST_F(DriverReset, SecondSetComInfoRedirectsAllSettings) {
     info.replyTotal = 9;
     second.replyDone = 3;
     second.replyTotal = 4;
-    RW_VAR v;
-    v.dataType = ABCL_WORD_B;
-    v.address = 10;
-    v.count = 1;
+    RW_VAR v = RecordBuilder().At(ABCL_WORD_B, 10, 1);
     ReadRegister(&v);
-    EXPECT_EQ(second.replyDone, 0);
-    EXPECT_EQ(second.replyTotal, 1);
-    EXPECT_EQ(info.replyDone, 7);
-    EXPECT_EQ(info.replyTotal, 9);
+    EXPECT_EQ(std::make_pair(second.replyDone, second.replyTotal), std::make_pair(0, 1));
+    EXPECT_EQ(std::make_pair(info.replyDone, info.replyTotal), std::make_pair(7, 9));
 
     // Reads come from the new record: replyDone for the reply check...
     second.replyDone = 1;
@@ -398,20 +391,28 @@ TEST_F(DriverReset, RegistCallBackReplacesEarlierRegistration) {
 // ------------------------------------------------------------------ layouts
 
 TEST(RecordLayout, ComInfoFieldOffsets) {
-    EXPECT_EQ(offsetof(ComInfo, maxCount), 16u);
-    EXPECT_EQ(offsetof(ComInfo, defaultStation), 24u);
-    EXPECT_EQ(offsetof(ComInfo, retryLimit), 28u);
-    EXPECT_EQ(offsetof(ComInfo, retryCount), 32u);
-    EXPECT_EQ(offsetof(ComInfo, multiStation), 36u);
-    EXPECT_EQ(offsetof(ComInfo, startFlagA), 40u);
-    EXPECT_EQ(offsetof(ComInfo, replyTotal), 44u);
-    EXPECT_EQ(offsetof(ComInfo, replyDone), 48u);
-    EXPECT_EQ(offsetof(ComInfo, startFlagB), 52u);
-    EXPECT_EQ(offsetof(ComInfo, remoteMode), 56u);
-    EXPECT_EQ(offsetof(ComInfo, localLinkNo), 60u);
-    EXPECT_EQ(offsetof(ComInfo, writeMode), 64u);
-    EXPECT_EQ(offsetof(ComInfo, cycleDone), 68u);
-    EXPECT_EQ(offsetof(ComInfo, hostContext), 72u);
+    // Where the host puts each field of the settings record it shares.
+    const struct {
+        const char* field;
+        std::size_t offset;
+        std::size_t expected;
+    } fields[] = {
+        {"maxCount", offsetof(ComInfo, maxCount), 16},
+        {"defaultStation", offsetof(ComInfo, defaultStation), 24},
+        {"retryLimit", offsetof(ComInfo, retryLimit), 28},
+        {"retryCount", offsetof(ComInfo, retryCount), 32},
+        {"multiStation", offsetof(ComInfo, multiStation), 36},
+        {"startFlagA", offsetof(ComInfo, startFlagA), 40},
+        {"replyTotal", offsetof(ComInfo, replyTotal), 44},
+        {"replyDone", offsetof(ComInfo, replyDone), 48},
+        {"startFlagB", offsetof(ComInfo, startFlagB), 52},
+        {"remoteMode", offsetof(ComInfo, remoteMode), 56},
+        {"localLinkNo", offsetof(ComInfo, localLinkNo), 60},
+        {"writeMode", offsetof(ComInfo, writeMode), 64},
+        {"cycleDone", offsetof(ComInfo, cycleDone), 68},
+        {"hostContext", offsetof(ComInfo, hostContext), 72},
+    };
+    for (const auto& f : fields) EXPECT_EQ(f.offset, f.expected) << f.field;
     EXPECT_EQ(sizeof(ComInfo().maxCount), 4u);
     EXPECT_GE(sizeof(ComInfo), 76u);
 }
@@ -482,18 +483,16 @@ TEST(RecordLayout, SizesOnThe32BitPanel) {
 TEST(RecordLayout, DriverObjectFieldOrder) {
     const AB_ControlLogix_CompactLogix& d = PLC_driver;
     EXPECT_EQ(OffsetInDriver(&d.comInfo), 0u);
-    EXPECT_LT(OffsetInDriver(&d.comInfo), OffsetInDriver(&d.readList));
-    EXPECT_LT(OffsetInDriver(&d.readList), OffsetInDriver(&d.writeList));
-    EXPECT_LT(OffsetInDriver(&d.writeList), OffsetInDriver(&d.onceReadList));
-    EXPECT_LT(OffsetInDriver(&d.onceReadList), OffsetInDriver(&d.spareList));
-    EXPECT_LT(OffsetInDriver(&d.spareList), OffsetInDriver(&d.protocolList));
-    EXPECT_LT(OffsetInDriver(&d.protocolList), OffsetInDriver(&d.extendList));
-    EXPECT_LT(OffsetInDriver(&d.extendList), OffsetInDriver(&d.callBack));
-    EXPECT_LT(OffsetInDriver(&d.callBack), OffsetInDriver(&d.callBackCtx));
-    EXPECT_LT(OffsetInDriver(&d.callBackCtx), OffsetInDriver(&d.listMutex));
-    EXPECT_LT(OffsetInDriver(&d.listMutex), OffsetInDriver(&d.imageMutex));
-    EXPECT_LT(OffsetInDriver(&d.imageMutex), OffsetInDriver(&d.current));
-    EXPECT_LT(OffsetInDriver(&d.current), OffsetInDriver(&d.mode));
+    // The members in the order the host's object has them.
+    const std::size_t order[] = {OffsetInDriver(&d.comInfo),     OffsetInDriver(&d.readList),
+                                 OffsetInDriver(&d.writeList),   OffsetInDriver(&d.onceReadList),
+                                 OffsetInDriver(&d.spareList),   OffsetInDriver(&d.protocolList),
+                                 OffsetInDriver(&d.extendList),  OffsetInDriver(&d.callBack),
+                                 OffsetInDriver(&d.callBackCtx), OffsetInDriver(&d.listMutex),
+                                 OffsetInDriver(&d.imageMutex),  OffsetInDriver(&d.current),
+                                 OffsetInDriver(&d.mode)};
+    for (std::size_t i = 1; i < sizeof order / sizeof order[0]; ++i)
+        EXPECT_LT(order[i - 1], order[i]) << "member " << i << " of the list";
     EXPECT_EQ(OffsetInDriver(&d.writeBurst), OffsetInDriver(&d.mode) + 4);
     EXPECT_EQ(OffsetInDriver(&d.onceBurst), OffsetInDriver(&d.mode) + 8);
     EXPECT_EQ(OffsetInDriver(&d.cycleCount), OffsetInDriver(&d.mode) + 12);

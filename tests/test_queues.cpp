@@ -6,6 +6,7 @@
 #include "protocol_constants.h"
 
 #include <climits>
+#include <string>
 #include <tuple>
 #include <vector>
 
@@ -18,6 +19,21 @@ RW_VAR Write(int station, int dataType, int address, int count, const char* data
         .Texts(QStringLiteral("%1").arg(address))
         .At(dataType, address, count, station)
         .Data(Hex(data));
+}
+
+// Queues each record in turn through the full procedure (mode 0); the last
+// call's result, the queue length it leaves.
+int QueueWrites(std::vector<RW_VAR> writes) {
+    int length = 0;
+    for (RW_VAR& w : writes) length = AddListWriteVar(&w, 0);
+    return length;
+}
+
+// The data of every queued write, in queue order.
+std::vector<std::string> QueuedData() {
+    std::vector<std::string> out;
+    for (const RW_VAR& v : PLC_driver.writeList) out.push_back(ToHex(v.data));
+    return out;
 }
 
 using Piece = std::tuple<int, int>;  // (address, count)
@@ -33,33 +49,23 @@ std::vector<Piece> OncePieces() {
 using WriteQueue = DriverTest;
 
 TEST_F(WriteQueue, TwoWritesOfOneVariable_TwoEntries) {
-    RW_VAR a = Write(1, 2, 100, 1, "01 00");
-    RW_VAR b = Write(1, 2, 100, 1, "02 00");
-    EXPECT_EQ(AddListWriteVar(&a, 0), 1);
-    EXPECT_EQ(AddListWriteVar(&b, 0), 2);
-    EXPECT_EQ(ToHex(PLC_driver.writeList[0].data), "01 00");
-    EXPECT_EQ(ToHex(PLC_driver.writeList[1].data), "02 00");
+    EXPECT_EQ(QueueWrites({Write(1, 2, 100, 1, "01 00")}), 1);
+    EXPECT_EQ(QueueWrites({Write(1, 2, 100, 1, "02 00")}), 2);
+    EXPECT_EQ(QueuedData(), (std::vector<std::string>{"01 00", "02 00"}));
 }
 
 TEST_F(WriteQueue, ThirdWrite_ReplacesEntry1WithNewestData) {
-    RW_VAR a = Write(1, 2, 100, 1, "01 00");
-    RW_VAR b = Write(1, 2, 100, 1, "02 00");
-    RW_VAR c = Write(1, 2, 100, 1, "03 00");
-    AddListWriteVar(&a, 0);
-    AddListWriteVar(&b, 0);
-    EXPECT_EQ(AddListWriteVar(&c, 0), 2);
-    ASSERT_EQ(PLC_driver.writeList.size(), 2);
-    EXPECT_EQ(ToHex(PLC_driver.writeList[0].data), "01 00");  // on the wire: never replaced
-    EXPECT_EQ(ToHex(PLC_driver.writeList[1].data), "03 00");
+    EXPECT_EQ(QueueWrites({Write(1, 2, 100, 1, "01 00"), Write(1, 2, 100, 1, "02 00"),
+                           Write(1, 2, 100, 1, "03 00")}),
+              2);
+    // Entry 0 is on the wire: never replaced.
+    EXPECT_EQ(QueuedData(), (std::vector<std::string>{"01 00", "03 00"}));
 }
 
 TEST_F(WriteQueue, EqualToEntry0WhileEntry1Differs_Appended) {
-    RW_VAR a = Write(1, 2, 100, 1, "01 00");
-    RW_VAR other = Write(1, 2, 200, 1, "05 00");
-    RW_VAR a2 = Write(1, 2, 100, 1, "02 00");
-    AddListWriteVar(&a, 0);
-    AddListWriteVar(&other, 0);
-    EXPECT_EQ(AddListWriteVar(&a2, 0), 3);
+    EXPECT_EQ(QueueWrites({Write(1, 2, 100, 1, "01 00"), Write(1, 2, 200, 1, "05 00"),
+                           Write(1, 2, 100, 1, "02 00")}),
+              3);
     ASSERT_EQ(PLC_driver.writeList.size(), 3);
     EXPECT_EQ(ToHex(PLC_driver.writeList[0].data), "01 00");
     EXPECT_EQ(PLC_driver.writeList[1].address, 200);
@@ -67,30 +73,22 @@ TEST_F(WriteQueue, EqualToEntry0WhileEntry1Differs_Appended) {
 }
 
 TEST_F(WriteQueue, DifferingOnlyInVarId_SameVariable) {
-    RW_VAR a = Write(1, 3, 100, 2, "01 00 02 00", 1);
-    RW_VAR b = Write(1, 3, 100, 2, "01 00 02 00", 1);
-    RW_VAR c = Write(1, 3, 100, 2, "01 00 02 00", 9);
-    AddListWriteVar(&a, 0);
-    AddListWriteVar(&b, 0);
-    EXPECT_EQ(AddListWriteVar(&c, 0), 2);
+    EXPECT_EQ(
+        QueueWrites({Write(1, 3, 100, 2, "01 00 02 00", 1), Write(1, 3, 100, 2, "01 00 02 00", 1),
+                     Write(1, 3, 100, 2, "01 00 02 00", 9)}),
+        2);
     EXPECT_EQ(PLC_driver.writeList[1].varId, 9);
 }
 
 TEST_F(WriteQueue, DifferingOnlyInData_SameVariable) {
-    RW_VAR a = Write(1, 3, 100, 2, "01 00 02 00");
-    RW_VAR b = Write(1, 3, 100, 2, "01 00 02 00");
-    RW_VAR c = Write(1, 3, 100, 2, "AA BB");
-    AddListWriteVar(&a, 0);
-    AddListWriteVar(&b, 0);
-    EXPECT_EQ(AddListWriteVar(&c, 0), 2);
+    EXPECT_EQ(QueueWrites({Write(1, 3, 100, 2, "01 00 02 00"), Write(1, 3, 100, 2, "01 00 02 00"),
+                           Write(1, 3, 100, 2, "AA BB")}),
+              2);
     EXPECT_EQ(ToHex(PLC_driver.writeList[1].data), "AA BB");
 }
 
 TEST_F(WriteQueue, Replacement_CopiesEveryField) {
-    RW_VAR a = Write(1, 2, 100, 1, "01 00");
-    RW_VAR b = Write(1, 2, 100, 1, "02 00");
-    AddListWriteVar(&a, 0);
-    AddListWriteVar(&b, 0);
+    QueueWrites({Write(1, 2, 100, 1, "01 00"), Write(1, 2, 100, 1, "02 00")});
     // Same station, type, address and count as the pending write; every other field new.
     const RW_VAR newer = RecordBuilder()
                              .Ids(7, 8)
@@ -105,10 +103,7 @@ TEST_F(WriteQueue, Replacement_CopiesEveryField) {
 }
 
 TEST_F(WriteQueue, SamenessNeedsStationTypeAddressAndCount) {
-    RW_VAR base = Write(1, 2, 100, 1, "01 00");
-    RW_VAR base2 = Write(1, 2, 100, 1, "02 00");
-    AddListWriteVar(&base, 0);
-    AddListWriteVar(&base2, 0);
+    QueueWrites({Write(1, 2, 100, 1, "01 00"), Write(1, 2, 100, 1, "02 00")});
     RW_VAR otherStation = Write(2, 2, 100, 1, "03 00");
     RW_VAR otherType = Write(1, 3, 100, 1, "03 00");
     RW_VAR otherAddress = Write(1, 2, 101, 1, "03 00");
@@ -221,6 +216,14 @@ protected:
         v.station = 1;
         return v;
     }
+    // Queues one read that names `station`: the station its entry goes to.
+    int QueuedStationOf(int station) {
+        RW_VAR v = Read(2, "7:10", 1);
+        v.station = station;
+        AddListOnceReadVar(&v, 0);
+        EXPECT_EQ(PLC_driver.onceReadList.size(), 1);
+        return PLC_driver.onceReadList.isEmpty() ? -1 : PLC_driver.onceReadList[0].station;
+    }
 };
 
 TEST_F(OnceQueue, SameVarIdSubIdAndAddress_QueuedOnce) {
@@ -264,46 +267,49 @@ TEST_F(OnceQueue, DuplicateOfEntry0_NotQueued) {
     EXPECT_EQ(AddListOnceReadVar(&again, 0), 2);
 }
 
-TEST_F(OnceQueue, WordVariable_SplitWithPlainStep) {
-    info.maxCount = 4;
-    RW_VAR v = Read(2, "7:10", 10);
-    EXPECT_EQ(AddListOnceReadVar(&v, 0), 3);
-    EXPECT_EQ(OncePieces(), (std::vector<Piece>{{1802, 4}, {1806, 4}, {1810, 2}}));
+// One variable split into pieces of at most maxCount, in the queue in order.
+struct SplitRow {
+    const char* name;
+    int maxCount;
+    int dataType;
+    const char* text;
+    int count;
+    std::vector<Piece> pieces;  // (address, count) of each queued piece
+};
+
+using OnceSplit = RowTest<SplitRow, OnceQueue>;
+
+TEST_P(OnceSplit, QueuesThePieces) {
+    const SplitRow& row = GetParam();
+    info.maxCount = row.maxCount;
+    RW_VAR v = Read(row.dataType, row.text, row.count);
+    EXPECT_EQ(AddListOnceReadVar(&v, 0), static_cast<int>(row.pieces.size()));
+    EXPECT_EQ(OncePieces(), row.pieces);
 }
 
-TEST_F(OnceQueue, RealVariable_SplitWithPlainStep) {
-    info.maxCount = 10;
-    RW_VAR v = Read(4, "8:0", 35);
-    EXPECT_EQ(AddListOnceReadVar(&v, 0), 4);
-    EXPECT_EQ(OncePieces(), (std::vector<Piece>{{2048, 10}, {2058, 10}, {2068, 10}, {2078, 5}}));
-}
-
-TEST_F(OnceQueue, BitVariable_KeepsBitUnitsPerWordBlock) {
-    info.maxCount = 1;
-    RW_VAR v = Read(0, "7:10/3", 20);
-    EXPECT_EQ(AddListOnceReadVar(&v, 0), 2);
-    EXPECT_EQ(OncePieces(), (std::vector<Piece>{{28832, 1}, {28848, 1}}));
-}
-
-TEST_F(OnceQueue, BitVariable_BlockOfWordsStepsIn16BitUnits) {
-    info.maxCount = 4;
-    RW_VAR v = Read(1, "7:0/0", 16 * 10);  // 10 words
-    EXPECT_EQ(AddListOnceReadVar(&v, 0), 3);
-    EXPECT_EQ(OncePieces(), (std::vector<Piece>{{28672, 4}, {28736, 4}, {28800, 2}}));
-}
-
-TEST_F(OnceQueue, BitVariableInOneWord_OneWordCount) {
-    RW_VAR v = Read(1, "7:10/15", 1);
-    EXPECT_EQ(AddListOnceReadVar(&v, 0), 1);
-    EXPECT_EQ(OncePieces(), (std::vector<Piece>{{28832, 1}}));
-}
-
-TEST_F(OnceQueue, ZeroMaxCount_OnePieceOfFullCount) {
-    info.maxCount = 0;
-    RW_VAR v = Read(2, "7:10", 500);
-    EXPECT_EQ(AddListOnceReadVar(&v, 0), 1);
-    EXPECT_EQ(OncePieces(), (std::vector<Piece>{{1802, 500}}));
-}
+INSTANTIATE_TEST_SUITE_P(
+    OnceQueue, OnceSplit,
+    ::testing::Values(
+        SplitRow{
+            "WordVariable_SplitWithPlainStep", 4, 2, "7:10", 10, {{1802, 4}, {1806, 4}, {1810, 2}}},
+        SplitRow{"RealVariable_SplitWithPlainStep",
+                 10,
+                 4,
+                 "8:0",
+                 35,
+                 {{2048, 10}, {2058, 10}, {2068, 10}, {2078, 5}}},
+        SplitRow{
+            "BitVariable_KeepsBitUnitsPerWordBlock", 1, 0, "7:10/3", 20, {{28832, 1}, {28848, 1}}},
+        // 16 x 10 bits: 10 words.
+        SplitRow{"BitVariable_BlockOfWordsStepsIn16BitUnits",
+                 4,
+                 1,
+                 "7:0/0",
+                 16 * 10,
+                 {{28672, 4}, {28736, 4}, {28800, 2}}},
+        SplitRow{"BitVariableInOneWord_OneWordCount", 32, 1, "7:10/15", 1, {{28832, 1}}},
+        SplitRow{"ZeroMaxCount_OnePieceOfFullCount", 0, 2, "7:10", 500, {{1802, 500}}}),
+    RowName());
 
 TEST_F(OnceQueue, ZeroCount_QueuesNothingAndReturnsLength) {
     RW_VAR first = Read(2, "7:10", 1);
@@ -328,21 +334,13 @@ TEST_F(OnceQueue, OtherDataTypeMinusOneText_Invalid) {
 
 TEST_F(OnceQueue, SingleStation_StationIsTheDefault) {
     info.defaultStation = 3;
-    RW_VAR v = Read(2, "7:10", 1);
-    v.station = 55;
-    AddListOnceReadVar(&v, 0);
-    ASSERT_EQ(PLC_driver.onceReadList.size(), 1);
-    EXPECT_EQ(PLC_driver.onceReadList[0].station, 3);
+    EXPECT_EQ(QueuedStationOf(55), 3);
 }
 
 TEST_F(OnceQueue, MultiStation_KeepsItsOwnStation) {
     info.defaultStation = 3;
     info.multiStation = 1;
-    RW_VAR v = Read(2, "7:10", 1);
-    v.station = 55;
-    AddListOnceReadVar(&v, 0);
-    ASSERT_EQ(PLC_driver.onceReadList.size(), 1);
-    EXPECT_EQ(PLC_driver.onceReadList[0].station, 55);
+    EXPECT_EQ(QueuedStationOf(55), 55);
 }
 
 TEST_F(OnceQueue, MultiStation_OtherStationQueuedTwice) {

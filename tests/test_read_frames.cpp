@@ -142,6 +142,10 @@ const FrameRow kFrameRows[] = {
      "00 00 FF FF 00 00 00 00 00 00 00 10 03 84",
      -2},
     // The 32-bit read asks for one element less than the count, at least one.
+    {"Real_CountMinus7_RequestsOne", kTypeReal, WordAddress(8, 4), -7, 0x21,
+     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 46 30 30 38 29 "
+     "00 04 00 01 00 00 00 00 00 00 00 10 03 84",
+     4},
     {"Real_Count5_RequestsFour", kTypeReal, WordAddress(8, 4), 5, 0x21,
      "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 46 30 30 38 29 "
      "00 04 00 04 00 00 00 00 00 00 00 10 03 81",
@@ -151,10 +155,6 @@ const FrameRow kFrameRows[] = {
      "00 04 00 01 00 00 00 00 00 00 00 10 03 84",
      4},
     {"Real_Count0_RequestsOne", kTypeReal, WordAddress(8, 4), 0, 0x21,
-     "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 46 30 30 38 29 "
-     "00 04 00 01 00 00 00 00 00 00 00 10 03 84",
-     4},
-    {"Real_CountMinus7_RequestsOne", kTypeReal, WordAddress(8, 4), -7, 0x21,
      "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 46 30 30 38 29 "
      "00 04 00 01 00 00 00 00 00 00 00 10 03 84",
      4},
@@ -399,47 +399,40 @@ TEST_F(ReadFrames, ElementCountBytesAreBits8To15And0To7) {
 
 // ---------------------------------------------------------- block check walk
 
-TEST(RequestBlockCheck, ExamplesWithoutDoubling) {
-    const QByteArray frame =
-        Hex("10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 4E 30 "
-            "30 37 29 00 00 00 0A 00 00 00 00 00 00 00 10 03");
-    EXPECT_EQ(RequestBlockCheck(frame), 0x78);
+// A request frame and the block check over its de-stuffed body.
+struct BlockCheckRow {
+    const char* name;
+    const char* frame;
+    int check;
+};
+
+class BlockCheckWalk : public ::testing::TestWithParam<BlockCheckRow> {};
+
+TEST_P(BlockCheckWalk, SumsTheDeStuffedBody) {
+    EXPECT_EQ(RequestBlockCheck(Hex(GetParam().frame)), GetParam().check);
 }
 
-TEST(RequestBlockCheck, DoubledElementCountsOnce) {
-    const QByteArray frame =
-        Hex("10 06 10 02 00 00 0B 00 05 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 91 04 42 30 "
-            "30 33 29 00 10 10 00 02 00 00 00 00 00 00 00 10 03");
-    EXPECT_EQ(RequestBlockCheck(frame), 0x9C);
-}
-
-TEST(RequestBlockCheck, DoubledDleRightBeforeTrailerCountsOnce) {
-    // 10 10 10 03 at the end de-stuffs to 10 10 03: one data DLE, then DLE ETX.
-    const QByteArray frame = Hex("10 06 10 02 00 00 0B 00 21 00 05 10 10 10 03");
-    // Body 00 00 0B 00 21 00 05 10 sums to 0x41.
-    EXPECT_EQ(RequestBlockCheck(frame), 0x100 - 0x41);
-}
-
-TEST(RequestBlockCheck, LeadInIsNotTakenForADoubledDle) {
-    // Were 10 06 10 02 or the trailer misread, the summed window would move.
-    const QByteArray frame = Hex("10 06 10 02 01 02 03 10 03");
-    EXPECT_EQ(RequestBlockCheck(frame), 0x100 - 0x06);
-}
-
-TEST(RequestBlockCheck, FourDlesCountAsTwo) {
-    const QByteArray frame = Hex("10 06 10 02 01 10 10 10 10 02 10 03");
-    EXPECT_EQ(RequestBlockCheck(frame), 0x100 - 0x23);
-}
-
-TEST(RequestBlockCheck, LoneDleCountsOnce) {
-    // A TNS or name byte of 0x10 is sent once and summed once.
-    const QByteArray frame = Hex("10 06 10 02 00 00 0B 00 10 00 29 10 03");
-    EXPECT_EQ(RequestBlockCheck(frame), 0x100 - 0x44);
-}
-
-TEST(RequestBlockCheck, SumOfZeroGivesZero) {
-    const QByteArray frame = Hex("10 06 10 02 01 FF 10 03");
-    EXPECT_EQ(RequestBlockCheck(frame), 0x00);
-}
+INSTANTIATE_TEST_SUITE_P(
+    RequestBlockCheck, BlockCheckWalk,
+    ::testing::Values(
+        BlockCheckRow{"ExamplesWithoutDoubling",
+                      "10 06 10 02 00 00 0B 00 21 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 "
+                      "91 04 4E 30 30 37 29 00 00 00 0A 00 00 00 00 00 00 00 10 03",
+                      0x78},
+        BlockCheckRow{"DoubledElementCountsOnce",
+                      "10 06 10 02 00 00 0B 00 05 00 00 00 0A 02 20 02 24 01 01 00 04 00 52 05 "
+                      "91 04 42 30 30 33 29 00 10 10 00 02 00 00 00 00 00 00 00 10 03",
+                      0x9C},
+        // 10 10 10 03 at the end de-stuffs to 10 10 03: one data DLE, then DLE
+        // ETX. Body 00 00 0B 00 21 00 05 10 sums to 0x41.
+        BlockCheckRow{"DoubledDleRightBeforeTrailerCountsOnce",
+                      "10 06 10 02 00 00 0B 00 21 00 05 10 10 10 03", 0x100 - 0x41},
+        // Were 10 06 10 02 or the trailer misread, the summed window would move.
+        BlockCheckRow{"LeadInIsNotTakenForADoubledDle", "10 06 10 02 01 02 03 10 03", 0x100 - 0x06},
+        BlockCheckRow{"FourDlesCountAsTwo", "10 06 10 02 01 10 10 10 10 02 10 03", 0x100 - 0x23},
+        // A TNS or name byte of 0x10 is sent once and summed once.
+        BlockCheckRow{"LoneDleCountsOnce", "10 06 10 02 00 00 0B 00 10 00 29 10 03", 0x100 - 0x44},
+        BlockCheckRow{"SumOfZeroGivesZero", "10 06 10 02 01 FF 10 03", 0x00}),
+    RowName());
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <vector>
 
 namespace {
@@ -26,6 +27,17 @@ struct Fields {
 
 // The descriptor used by the worked examples: N007 element 5 at station 2.
 constexpr Fields kN007 = {0x101, 0, 1, 2, 3, 0x705, 10, 0, 0};
+
+// The worked examples' descriptor with another station, type, address or count.
+constexpr Fields Descriptor(int station, int dataType, int address, int count) {
+    return {0x101, 0, 1, station, dataType, address, count, 0, 0};
+}
+
+// Every field wider than its place in the frame. The whole type (0x12345) is
+// none of the five, so no data is expected.
+constexpr Fields kEveryFieldWide = {0x12345678, 0x1FF,      0x2A5,
+                                    0x310,      0x12345,    static_cast<int>(0x89ABCDEFu),
+                                    0x10203,    0x01020304, static_cast<int>(0xF0E0D0C0u)};
 
 RW_VAR Record(const Fields& f, const QByteArray& data = QByteArray()) {
     return RecordBuilder()
@@ -60,10 +72,6 @@ struct RemoteRow {
     int dataBytes;
 };
 
-void PrintTo(const RemoteRow& row, std::ostream* os) {
-    *os << row.name;
-}
-
 using RemoteFrameRows = RowTest<RemoteRow>;
 
 TEST_P(RemoteFrameRows, BuildsFrameAndBookkeeping) {
@@ -71,8 +79,8 @@ TEST_P(RemoteFrameRows, BuildsFrameAndBookkeeping) {
     const QByteArray expected = Hex(row.frame);
     ASSERT_EQ(ChecksumOf(expected), static_cast<uint8_t>(expected.back())) << "row checksum";
 
-    PLC_driver.tns = row.tns;
     RW_VAR var = Record(row.fields, Hex(row.data));
+    PLC_driver.tns = row.tns;
     if (row.kind == Kind::Read)
         Remote_ReadVar(&var);
     else
@@ -92,172 +100,50 @@ TEST_P(RemoteFrameRows, BuildsFrameAndBookkeeping) {
 const RemoteRow kRows[] = {
     {"Read_N007_10Elements", Kind::Read, kN007, "", 0x21,
      "16 01 00 01 02 00 03 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 33", -1, 10, 20},
-    {"Write_OneElement",
-     Kind::Write,
-     {0x101, 0, 1, 2, 3, 0x705, 1, 0, 0},
-     "34 12",
-     0x21,
-     "18 01 00 01 02 00 03 00 00 07 05 00 01 00 00 00 00 00 00 00 00 34 12 72",
-     14,
-     0,
-     0},
-    {"Write_NoValueBytes_22BytesLikeARead",
-     Kind::Write,
-     {0x101, 0, 1, 2, 3, 0x705, 1, 0, 0},
-     "",
-     0x21,
-     "16 01 00 01 02 00 03 00 00 07 05 00 01 00 00 00 00 00 00 00 00 2A",
-     14,
-     0,
-     0},
-    {"Read_Real_Count3_NoOneLessRule",
-     Kind::Read,
-     {0x101, 0, 1, 2, 4, 0x805, 3, 0, 0},
-     "",
-     0x21,
-     "16 01 00 01 02 00 04 00 00 08 05 00 03 00 00 00 00 00 00 00 00 2E",
-     -1,
-     10,
-     12},
-    {"Read_Count70000_Low16Bits",
-     Kind::Read,
-     {0x101, 0, 1, 2, 3, 0x705, 70000, 0, 0},
-     "",
-     0x21,
-     "16 01 00 01 02 00 03 00 00 07 05 11 70 00 00 00 00 00 00 00 00 AA",
-     -1,
-     10,
-     140000},
-    {"Read_BitTypeA_TwoBytesPerElement",
-     Kind::Read,
-     {0x101, 0, 1, 2, 0, 0x705, 10, 0, 0},
-     "",
-     0x21,
-     "16 01 00 01 02 00 00 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 30",
-     -1,
-     10,
-     20},
-    {"Read_BitTypeB_TwoBytesPerElement",
-     Kind::Read,
-     {0x101, 0, 1, 2, 1, 0x705, 10, 0, 0},
-     "",
-     0x21,
-     "16 01 00 01 02 00 01 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 31",
-     -1,
-     10,
-     20},
-    {"Read_WordTypeA_TwoBytesPerElement",
-     Kind::Read,
-     {0x101, 0, 1, 2, 2, 0x705, 10, 0, 0},
-     "",
-     0x21,
-     "16 01 00 01 02 00 02 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 32",
-     -1,
-     10,
-     20},
+    {"Write_OneElement", Kind::Write, Descriptor(2, 3, 0x705, 1), "34 12", 0x21,
+     "18 01 00 01 02 00 03 00 00 07 05 00 01 00 00 00 00 00 00 00 00 34 12 72", 14, 0, 0},
+    {"Write_NoValueBytes_22BytesLikeARead", Kind::Write, Descriptor(2, 3, 0x705, 1), "", 0x21,
+     "16 01 00 01 02 00 03 00 00 07 05 00 01 00 00 00 00 00 00 00 00 2A", 14, 0, 0},
+    {"Read_Real_Count3_NoOneLessRule", Kind::Read, Descriptor(2, 4, 0x805, 3), "", 0x21,
+     "16 01 00 01 02 00 04 00 00 08 05 00 03 00 00 00 00 00 00 00 00 2E", -1, 10, 12},
+    {"Read_Count70000_Low16Bits", Kind::Read, Descriptor(2, 3, 0x705, 70000), "", 0x21,
+     "16 01 00 01 02 00 03 00 00 07 05 11 70 00 00 00 00 00 00 00 00 AA", -1, 10, 140000},
+    {"Read_BitTypeA_TwoBytesPerElement", Kind::Read, Descriptor(2, 0, 0x705, 10), "", 0x21,
+     "16 01 00 01 02 00 00 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 30", -1, 10, 20},
+    {"Read_BitTypeB_TwoBytesPerElement", Kind::Read, Descriptor(2, 1, 0x705, 10), "", 0x21,
+     "16 01 00 01 02 00 01 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 31", -1, 10, 20},
+    {"Read_WordTypeA_TwoBytesPerElement", Kind::Read, Descriptor(2, 2, 0x705, 10), "", 0x21,
+     "16 01 00 01 02 00 02 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 32", -1, 10, 20},
     // Every multi-byte field most significant byte first, each cut to its width;
-    // the station's low byte 0x10 moves the reply's data by one. The whole type
-    // (0x12345) is none of the five, so no data is expected.
-    {"Read_FieldsBigEndianAndTruncated",
-     Kind::Read,
-     {0x12345678, 0x1FF, 0x2A5, 0x310, 0x12345, static_cast<int>(0x89ABCDEFu), 0x10203, 0x01020304,
-      static_cast<int>(0xF0E0D0C0u)},
-     "",
-     0x21,
-     "16 78 FF A5 10 23 45 89 AB CD EF 02 03 01 02 03 04 F0 E0 D0 C0 09",
-     -1,
-     11,
-     0},
-    {"Write_FieldsBigEndianAndTruncated",
-     Kind::Write,
-     {0x12345678, 0x1FF, 0x2A5, 0x310, 0x12345, static_cast<int>(0x89ABCDEFu), 0x10203, 0x01020304,
-      static_cast<int>(0xF0E0D0C0u)},
-     "FF FE 10",
-     0x21,
-     "19 78 FF A5 10 23 45 89 AB CD EF 02 03 01 02 03 04 F0 E0 D0 C0 FF FE 10 19",
-     15,
-     0,
-     0},
-    {"Read_Station10_DataPos11",
-     Kind::Read,
-     {0x101, 0, 1, 0x10, 3, 0x705, 10, 0, 0},
-     "",
-     0x21,
-     "16 01 00 01 10 00 03 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 41",
-     -1,
-     11,
-     20},
-    {"Write_Station10_ReplyLen15",
-     Kind::Write,
-     {0x101, 0, 1, 0x10, 3, 0x705, 1, 0, 0},
-     "34 12",
-     0x21,
-     "18 01 00 01 10 00 03 00 00 07 05 00 01 00 00 00 00 00 00 00 00 34 12 80",
-     15,
-     0,
-     0},
+    // the station's low byte 0x10 moves the reply's data by one.
+    {"Read_FieldsBigEndianAndTruncated", Kind::Read, kEveryFieldWide, "", 0x21,
+     "16 78 FF A5 10 23 45 89 AB CD EF 02 03 01 02 03 04 F0 E0 D0 C0 09", -1, 11, 0},
+    {"Write_FieldsBigEndianAndTruncated", Kind::Write, kEveryFieldWide, "FF FE 10", 0x21,
+     "19 78 FF A5 10 23 45 89 AB CD EF 02 03 01 02 03 04 F0 E0 D0 C0 FF FE 10 19", 15, 0, 0},
+    {"Read_Station10_DataPos11", Kind::Read, Descriptor(0x10, 3, 0x705, 10), "", 0x21,
+     "16 01 00 01 10 00 03 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 41", -1, 11, 20},
+    {"Write_Station10_ReplyLen15", Kind::Write, Descriptor(0x10, 3, 0x705, 1), "34 12", 0x21,
+     "18 01 00 01 10 00 03 00 00 07 05 00 01 00 00 00 00 00 00 00 00 34 12 80", 15, 0, 0},
     {"Read_Tns10_DataPos11", Kind::Read, kN007, "", 0x10,
      "16 01 00 01 02 00 03 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 33", -1, 11, 20},
-    {"Write_Tns10_ReplyLen15",
-     Kind::Write,
-     {0x101, 0, 1, 2, 3, 0x705, 1, 0, 0},
-     "34 12",
-     0x10,
-     "18 01 00 01 02 00 03 00 00 07 05 00 01 00 00 00 00 00 00 00 00 34 12 72",
-     15,
-     0,
-     0},
-    {"Read_Station10AndTns10_DataPos12",
-     Kind::Read,
-     {0x101, 0, 1, 0x10, 3, 0x705, 10, 0, 0},
-     "",
-     0x10,
-     "16 01 00 01 10 00 03 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 41",
-     -1,
-     12,
-     20},
-    {"Write_Station10AndTns10_ReplyLen16",
-     Kind::Write,
-     {0x101, 0, 1, 0x10, 3, 0x705, 1, 0, 0},
-     "34 12",
-     0x10,
-     "18 01 00 01 10 00 03 00 00 07 05 00 01 00 00 00 00 00 00 00 00 34 12 80",
-     16,
-     0,
-     0},
+    {"Write_Tns10_ReplyLen15", Kind::Write, Descriptor(2, 3, 0x705, 1), "34 12", 0x10,
+     "18 01 00 01 02 00 03 00 00 07 05 00 01 00 00 00 00 00 00 00 00 34 12 72", 15, 0, 0},
+    {"Read_Station10AndTns10_DataPos12", Kind::Read, Descriptor(0x10, 3, 0x705, 10), "", 0x10,
+     "16 01 00 01 10 00 03 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 41", -1, 12, 20},
+    {"Write_Station10AndTns10_ReplyLen16", Kind::Write, Descriptor(0x10, 3, 0x705, 1), "34 12",
+     0x10, "18 01 00 01 10 00 03 00 00 07 05 00 01 00 00 00 00 00 00 00 00 34 12 80", 16, 0, 0},
     // Only the low byte of the transaction counter is compared with 0x10.
     {"Read_TnsLowByte10_DataPos11", Kind::Read, kN007, "", 0x110,
      "16 01 00 01 02 00 03 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 33", -1, 11, 20},
     {"Read_Tns11_NoCorrection", Kind::Read, kN007, "", 0x11,
      "16 01 00 01 02 00 03 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 33", -1, 10, 20},
     // Types outside 0..4 carry no known reply layout: nothing to store.
-    {"Read_TypeMinus1_NoData",
-     Kind::Read,
-     {0x101, 0, 1, 2, -1, 0x705, 10, 0, 0},
-     "",
-     0x21,
-     "16 01 00 01 02 FF FF 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 2E",
-     -1,
-     10,
-     0},
-    {"Read_Type7_NoData",
-     Kind::Read,
-     {0x101, 0, 1, 2, 7, 0x705, 10, 0, 0},
-     "",
-     0x21,
-     "16 01 00 01 02 00 07 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 37",
-     -1,
-     10,
-     0},
-    {"Read_Type7_Station10_DataPos11",
-     Kind::Read,
-     {0x101, 0, 1, 0x10, 7, 0x705, 10, 0, 0},
-     "",
-     0x21,
-     "16 01 00 01 10 00 07 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 45",
-     -1,
-     11,
-     0},
+    {"Read_TypeMinus1_NoData", Kind::Read, Descriptor(2, -1, 0x705, 10), "", 0x21,
+     "16 01 00 01 02 FF FF 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 2E", -1, 10, 0},
+    {"Read_Type7_NoData", Kind::Read, Descriptor(2, 7, 0x705, 10), "", 0x21,
+     "16 01 00 01 02 00 07 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 37", -1, 10, 0},
+    {"Read_Type7_Station10_DataPos11", Kind::Read, Descriptor(0x10, 7, 0x705, 10), "", 0x21,
+     "16 01 00 01 10 00 07 00 00 07 05 00 0A 00 00 00 00 00 00 00 00 45", -1, 11, 0},
 };
 INSTANTIATE_TEST_SUITE_P(Remote, RemoteFrameRows, ::testing::ValuesIn(kRows),
                          [](const ::testing::TestParamInfo<RemoteRow>& i) {
@@ -266,7 +152,17 @@ INSTANTIATE_TEST_SUITE_P(Remote, RemoteFrameRows, ::testing::ValuesIn(kRows),
 
 // ---- properties of the pair ----------------------------------------------------
 
-using RemoteFrames = DriverTest;
+class RemoteFrames : public DriverTest {
+protected:
+    // Builds the remote write of `f` carrying `data`: the one frame it queues.
+    std::string WriteFrame(const Fields& f, const char* data) {
+        RW_VAR var = Record(f, Hex(data));
+        Remote_WriteVar(&var);
+        EXPECT_EQ(1, PLC_driver.protocolList.size());
+        return PLC_driver.protocolList.isEmpty() ? std::string()
+                                                 : ToHex(PLC_driver.protocolList.first().frame);
+    }
+};
 
 TEST_F(RemoteFrames, ReadAndWriteOfOneRecord_SameOffsets1To20) {
     const Fields odd = {0x7F10, 0x55, 0x10, 0x1234, 4, 0x10101010, 0x3344, -2, 0x7FFFFFFF};
@@ -375,11 +271,8 @@ TEST_F(RemoteFrames, Write_MirrorsEvenWhileLinkFailing) {
 TEST_F(RemoteFrames, Write_MultiStation_FrameQueuedImageUntouched) {
     info.multiStation = 1;
     const ImageSnapshot before;
-    RW_VAR var = Record({0x101, 0, 1, 2, 3, 0x705, 1, 0, 0}, Hex("34 12"));
-    Remote_WriteVar(&var);
-    ASSERT_EQ(1, PLC_driver.protocolList.size());
-    EXPECT_EQ(ToHex(Hex("18 01 00 01 02 00 03 00 00 07 05 00 01 00 00 00 00 00 00 00 00 34 12 72")),
-              ToHex(PLC_driver.protocolList.first().frame));
+    EXPECT_EQ(WriteFrame({0x101, 0, 1, 2, 3, 0x705, 1, 0, 0}, "34 12"),
+              "18 01 00 01 02 00 03 00 00 07 05 00 01 00 00 00 00 00 00 00 00 34 12 72");
     EXPECT_TRUE(before.Unchanged());
 }
 
@@ -394,11 +287,8 @@ TEST_F(RemoteFrames, Read_LeavesImageAlone) {
 
 TEST_F(RemoteFrames, Write_UnknownType_QueuedButNothingMirrored) {
     const ImageSnapshot before;
-    RW_VAR var = Record({0x101, 0, 1, 2, 9, 0x705, 1, 0, 0}, Hex("34 12"));
-    Remote_WriteVar(&var);
-    ASSERT_EQ(1, PLC_driver.protocolList.size());
-    EXPECT_EQ(ToHex(Hex("18 01 00 01 02 00 09 00 00 07 05 00 01 00 00 00 00 00 00 00 00 34 12 78")),
-              ToHex(PLC_driver.protocolList.first().frame));
+    EXPECT_EQ(WriteFrame({0x101, 0, 1, 2, 9, 0x705, 1, 0, 0}, "34 12"),
+              "18 01 00 01 02 00 09 00 00 07 05 00 01 00 00 00 00 00 00 00 00 34 12 78");
     EXPECT_TRUE(before.Unchanged());
 }
 

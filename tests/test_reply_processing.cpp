@@ -7,6 +7,7 @@
 
 #include <random>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -39,12 +40,34 @@ bool IsKnownResult(int r) {
     return false;
 }
 
+// A one-shot word read whose sub id tells the callback which piece finished.
+RW_VAR OnceRead(int varId, int varSubId, int element, int count) {
+    RW_VAR v = WordRead(varId, element, count);
+    v.varSubId = varSubId;
+    return v;
+}
+
 class ReplyProcessing : public DriverTest {
 protected:
     void SetUp() override {
         DriverTest::SetUp();
         PLC_driver.tns = kTns;
         g_calls.clear();
+    }
+
+    // (cycleCount, cycleDone): the cycle as the driver counts it and as the host sees it.
+    using CycleState = std::pair<int, int>;
+    CycleState Cycle() const { return {PLC_driver.cycleCount, info.cycleDone}; }
+
+    // Sends the next request and answers it as a read: the reply's result, or
+    // -1 when no request went out.
+    int AnswerNextRead() {
+        Protocol* p = ComCommunication();
+        if (p == nullptr) {
+            ADD_FAILURE() << "no request went out";
+            return -1;
+        }
+        return AnswerRead(p)->result;
     }
 
     RW_VAR* AckWrite(const Protocol* p) {
@@ -232,8 +255,7 @@ TEST_F(ReplyProcessing, RetryCountAboveLimitAlready_FirstFailureReported) {
 TEST_F(ReplyProcessing, OneShotRead_ThirdFailedFullReplyReportedAndCallsBackWithFailure) {
     info.hostContext = 4242;
     RegistCallBackFuncIntf(&RecordCallback, 0);
-    RW_VAR once = WordRead(4, 30, 2);
-    once.varSubId = 8;
+    RW_VAR once = OnceRead(4, 8, 30, 2);
     QueueOnce(once);
     QueueOnce(WordRead(5, 40, 1));
     QueueCyclic(WordRead(100, 0, 4));
@@ -624,49 +646,34 @@ TEST_F(ReplyProcessing, CycleDone_SetAfterMoreGoodLocalRepliesThanCyclicEntries)
     QueueCyclic(WordRead(101, 8, 2));
     info.cycleDone = 0;
     for (int n = 1; n <= 2; ++n) {
-        Protocol* p = ComCommunication();
-        ASSERT_NE(p, nullptr);
-        ASSERT_EQ(AnswerRead(p)->result, 1);
-        EXPECT_EQ(PLC_driver.cycleCount, n);
-        EXPECT_EQ(info.cycleDone, 0);
+        ASSERT_EQ(AnswerNextRead(), 1);
+        EXPECT_EQ(Cycle(), (CycleState{n, 0}));
     }
-    Protocol* p = ComCommunication();
-    ASSERT_NE(p, nullptr);
-    ASSERT_EQ(AnswerRead(p)->result, 1);
-    EXPECT_EQ(PLC_driver.cycleCount, 0);
-    EXPECT_EQ(info.cycleDone, 1);
+    ASSERT_EQ(AnswerNextRead(), 1);
+    EXPECT_EQ(Cycle(), (CycleState{0, 1}));
 
-    p = ComCommunication();
-    ASSERT_NE(p, nullptr);
-    ASSERT_EQ(AnswerRead(p)->result, 1);
-    EXPECT_EQ(PLC_driver.cycleCount, 0) << "not counted while the cycle is done";
-    EXPECT_EQ(info.cycleDone, 1);
+    ASSERT_EQ(AnswerNextRead(), 1);
+    EXPECT_EQ(Cycle(), (CycleState{0, 1})) << "not counted while the cycle is done";
 }
 
 TEST_F(ReplyProcessing, CycleDone_ClearedByFailureWithCountRestarted) {
     QueueCyclic(WordRead(100, 0, 2));
     QueueCyclic(WordRead(101, 8, 2));
-    Protocol* p = ComCommunication();
-    ASSERT_NE(p, nullptr);
-    ASSERT_EQ(AnswerRead(p)->result, 1);
+    ASSERT_EQ(AnswerNextRead(), 1);
     ASSERT_EQ(PLC_driver.cycleCount, 1);
 
-    p = ComCommunication();
+    Protocol* p = ComCommunication();
     ASSERT_NE(p, nullptr);
     LearnLength(p, ReadReplyFor(p));
     info.cycleDone = 1;
     EXPECT_EQ(DataCom(QByteArray(), 0)->result, 0);
-    EXPECT_EQ(PLC_driver.cycleCount, 0);
-    EXPECT_EQ(info.cycleDone, 0);
+    EXPECT_EQ(Cycle(), (CycleState{0, 0}));
 }
 
 TEST_F(ReplyProcessing, CycleCount_RemoteGoodRepliesNotCounted) {
     QueueCyclic(WordRead(100, 0, 2, 1, 5));
-    Protocol* p = ComCommunication();
-    ASSERT_NE(p, nullptr);
-    ASSERT_EQ(AnswerRead(p)->result, 100);
-    EXPECT_EQ(PLC_driver.cycleCount, 0);
-    EXPECT_EQ(info.cycleDone, 0);
+    ASSERT_EQ(AnswerNextRead(), 100);
+    EXPECT_EQ(Cycle(), (CycleState{0, 0}));
 }
 
 TEST_F(ReplyProcessing, CycleDone_GoodWriteWithEmptyCyclicListCompletesCycle) {
@@ -674,8 +681,7 @@ TEST_F(ReplyProcessing, CycleDone_GoodWriteWithEmptyCyclicListCompletesCycle) {
     Protocol* p = ComCommunication();
     ASSERT_NE(p, nullptr);
     ASSERT_EQ(AckWrite(p)->result, 1);
-    EXPECT_EQ(PLC_driver.cycleCount, 0);
-    EXPECT_EQ(info.cycleDone, 1);
+    EXPECT_EQ(Cycle(), (CycleState{0, 1}));
 }
 
 // ---- queue advance and purge -----------------------------------------------------------
@@ -780,8 +786,7 @@ TEST_F(Purge, RetriedFailure_PurgesNothing) {
 TEST_F(ReplyProcessing, OneShotQueuedTwice_OneCallbackWhenTheLastFinishes) {
     info.hostContext = 4242;
     RegistCallBackFuncIntf(&RecordCallback, 99);
-    RW_VAR once = WordRead(7, 30, 1);
-    once.varSubId = 3;
+    RW_VAR once = OnceRead(7, 3, 30, 1);
     QueueOnce(once);
     once.address += 5;  // same variable ids, another piece
     QueueOnce(once);
@@ -803,8 +808,7 @@ TEST_F(ReplyProcessing, OneShotQueuedTwice_OneCallbackWhenTheLastFinishes) {
 TEST_F(ReplyProcessing, OneShotExactDuplicate_OneSuccessCallbackAfterTheSecond) {
     info.hostContext = 3;
     RegistCallBackFuncIntf(&RecordCallback, 0);
-    RW_VAR once = WordRead(7, 30, 2);
-    once.varSubId = 3;
+    RW_VAR once = OnceRead(7, 3, 30, 2);
     QueueOnce(once);
     QueueOnce(once);
     for (int served = 1; served <= 2; ++served) {
@@ -818,8 +822,7 @@ TEST_F(ReplyProcessing, OneShotExactDuplicate_OneSuccessCallbackAfterTheSecond) 
 
 TEST_F(ReplyProcessing, OneShotOtherSubId_CalledBackSeparately) {
     RegistCallBackFuncIntf(&RecordCallback, 0);
-    RW_VAR once = WordRead(7, 30, 1);
-    once.varSubId = 3;
+    RW_VAR once = OnceRead(7, 3, 30, 1);
     QueueOnce(once);
     once.varSubId = 4;
     QueueOnce(once);
@@ -835,8 +838,7 @@ TEST_F(ReplyProcessing, OneShotReportedFailure_CallsBackWithStatusTwo) {
     info.retryLimit = 0;
     info.hostContext = 8;
     RegistCallBackFuncIntf(&RecordCallback, 0);
-    RW_VAR once = WordRead(7, 30, 1);
-    once.varSubId = 3;
+    RW_VAR once = OnceRead(7, 3, 30, 1);
     QueueOnce(once);
     Protocol* p = ComCommunication();
     ASSERT_NE(p, nullptr);

@@ -16,7 +16,6 @@
 
 namespace {
 
-constexpr char kDle = replies::kDle;
 constexpr uint16_t kWordSentinel = 0xA5A5;
 constexpr uint32_t kRealSentinel = 0xA5A5A5A5u;
 constexpr int kDataPos = 26;
@@ -79,6 +78,12 @@ protected:
     static int ChangedD() { return CountNotEqual(PLC_driver.areaD, kRealSentinel); }
 };
 
+// `n` elements of an area from `first` on, to compare a stretch at once.
+template <class T>
+std::vector<T> Slice(const T* area, int first, int n) {
+    return std::vector<T>(area + first, area + first + n);
+}
+
 // ------------------------------------------------------------ area selection
 
 struct AreaRow {
@@ -95,10 +100,8 @@ TEST_P(AreaByType, StoresIntoTheTypesAreaOnly) {
     SaveToLocalDataErea(ReplyWithData(kDataPos, Stuff(Words({0x1234, 0x5678, 0x9ABC, 0xDEF0}))));
     switch (row.area) {
         case 'A':
-            EXPECT_EQ(PLC_driver.areaA[100], 0x1234);
-            EXPECT_EQ(PLC_driver.areaA[101], 0x5678);
-            EXPECT_EQ(PLC_driver.areaA[102], 0x9ABC);
-            EXPECT_EQ(PLC_driver.areaA[103], 0xDEF0);
+            EXPECT_EQ(Slice(PLC_driver.areaA, 100, 4),
+                      (std::vector<uint16_t>{0x1234, 0x5678, 0x9ABC, 0xDEF0}));
             EXPECT_EQ(ChangedA(), 4);
             EXPECT_EQ(ChangedB(), 0);
             EXPECT_EQ(ChangedD(), 0);
@@ -111,8 +114,8 @@ TEST_P(AreaByType, StoresIntoTheTypesAreaOnly) {
             EXPECT_EQ(ChangedD(), 0);
             break;
         case 'D':
-            EXPECT_EQ(PLC_driver.areaD[100], 0x56781234u);
-            EXPECT_EQ(PLC_driver.areaD[101], 0xDEF09ABCu);
+            EXPECT_EQ(Slice(PLC_driver.areaD, 100, 2),
+                      (std::vector<uint32_t>{0x56781234u, 0xDEF09ABCu}));
             EXPECT_EQ(ChangedA(), 0);
             EXPECT_EQ(ChangedB(), 0);
             EXPECT_EQ(ChangedD(), 2);
@@ -161,8 +164,7 @@ TEST_F(ReplyStorage, MultiStationAnyNonZeroValue) {
 TEST_F(ReplyStorage, DataPositionComesFromTheRequest) {
     QueueRead(3, 5, 4, 3);
     SaveToLocalDataErea(ReplyWithData(3, Words({0x0102, 0x0304})));
-    EXPECT_EQ(PLC_driver.areaB[5], 0x0102);
-    EXPECT_EQ(PLC_driver.areaB[6], 0x0304);
+    EXPECT_EQ(Slice(PLC_driver.areaB, 5, 2), (std::vector<uint16_t>{0x0102, 0x0304}));
 }
 
 TEST_F(ReplyStorage, OnlyTheFirstQueuedRequestGuidesStorage) {
@@ -179,8 +181,7 @@ TEST_F(ReplyStorage, OnlyTheFirstQueuedRequestGuidesStorage) {
 TEST_F(ReplyStorage, ThreeDataBytesIntoWordAreaStoreOneWord) {
     QueueRead(2, 40, 3);
     SaveToLocalDataErea(ReplyWithData(kDataPos, Hex("34 12 56 78 9A")));
-    EXPECT_EQ(PLC_driver.areaA[40], 0x1234);
-    EXPECT_EQ(PLC_driver.areaA[41], kWordSentinel);
+    EXPECT_EQ(Slice(PLC_driver.areaA, 40, 2), (std::vector<uint16_t>{0x1234, kWordSentinel}));
     EXPECT_EQ(ChangedA(), 1);
 }
 
@@ -218,8 +219,7 @@ TEST_F(ReplyStorage, SevenDataBytesIntoRealAreaStoreOneValue) {
 TEST_F(ReplyStorage, RealsAreLittleEndian) {
     QueueRead(4, 7, 8);
     SaveToLocalDataErea(ReplyWithData(kDataPos, Reals({0x3F800000u, 0xC0490FDBu})));
-    EXPECT_EQ(PLC_driver.areaD[7], 0x3F800000u);
-    EXPECT_EQ(PLC_driver.areaD[8], 0xC0490FDBu);
+    EXPECT_EQ(Slice(PLC_driver.areaD, 7, 2), (std::vector<uint32_t>{0x3F800000u, 0xC0490FDBu}));
 }
 
 // -------------------------------------------------------------- DLE skipping
@@ -237,12 +237,8 @@ TEST_F(ReplyStorage, WordSaverSkipsDoubledDlesInEveryPosition) {
     ASSERT_EQ(stuffed.size(), raw.size() + 6);
     QueueRead(2, 300, raw.size());
     SaveToLocalDataErea(ReplyWithData(kDataPos, stuffed));
-    EXPECT_EQ(PLC_driver.areaA[300], 0x1010);
-    EXPECT_EQ(PLC_driver.areaA[301], 0x0010);
-    EXPECT_EQ(PLC_driver.areaA[302], 0x1000);
-    EXPECT_EQ(PLC_driver.areaA[303], 0x2233);
-    EXPECT_EQ(PLC_driver.areaA[304], 0x1044);
-    EXPECT_EQ(PLC_driver.areaA[305], 0x5510);
+    EXPECT_EQ(std::vector<uint16_t>(PLC_driver.areaA + 300, PLC_driver.areaA + 306),
+              (std::vector<uint16_t>{0x1010, 0x0010, 0x1000, 0x2233, 0x1044, 0x5510}));
     EXPECT_EQ(ChangedA(), 6);
 }
 
@@ -263,11 +259,9 @@ TEST_F(ReplyStorage, RealSaverSkipsDoubledDlesInEveryPosition) {
     ASSERT_EQ(stuffed.size(), raw.size() + 7);
     QueueRead(4, 1000, raw.size());
     SaveToLocalDataErea(ReplyWithData(kDataPos, stuffed));
-    EXPECT_EQ(PLC_driver.areaD[1000], 0x10101010u);
-    EXPECT_EQ(PLC_driver.areaD[1001], 0x00100000u);
-    EXPECT_EQ(PLC_driver.areaD[1002], 0x12345610u);
-    EXPECT_EQ(PLC_driver.areaD[1003], 0x10000000u);
-    EXPECT_EQ(PLC_driver.areaD[1004], 0x0A0B0C0Du);
+    EXPECT_EQ(
+        Slice(PLC_driver.areaD, 1000, 5),
+        (std::vector<uint32_t>{0x10101010u, 0x00100000u, 0x12345610u, 0x10000000u, 0x0A0B0C0Du}));
     EXPECT_EQ(ChangedD(), 5);
 }
 
@@ -282,18 +276,14 @@ QByteArray TimerElements() {
 TEST_F(ReplyStorage, PresetSaverTakesSecondWordOfEachElement) {
     QueueRead(2, 50, 18);
     SaveT_C_PRE(ReplyWithData(kDataPos, TimerElements()), PLC_driver.areaA);
-    EXPECT_EQ(PLC_driver.areaA[50], 0x0102);
-    EXPECT_EQ(PLC_driver.areaA[51], 0x1020);
-    EXPECT_EQ(PLC_driver.areaA[52], 0x0607);
+    EXPECT_EQ(Slice(PLC_driver.areaA, 50, 3), (std::vector<uint16_t>{0x0102, 0x1020, 0x0607}));
     EXPECT_EQ(ChangedA(), 3);
 }
 
 TEST_F(ReplyStorage, AccumulatorSaverTakesThirdWordOfEachElement) {
     QueueRead(2, 50, 18);
     SaveT_C_ACC(ReplyWithData(kDataPos, TimerElements()), PLC_driver.areaA);
-    EXPECT_EQ(PLC_driver.areaA[50], 0x1004);
-    EXPECT_EQ(PLC_driver.areaA[51], 0x0010);
-    EXPECT_EQ(PLC_driver.areaA[52], 0x1008);
+    EXPECT_EQ(Slice(PLC_driver.areaA, 50, 3), (std::vector<uint16_t>{0x1004, 0x0010, 0x1008}));
     EXPECT_EQ(ChangedA(), 3);
 }
 
@@ -301,11 +291,9 @@ TEST_F(ReplyStorage, TimerSaversWithoutDles) {
     const QByteArray raw = Words({0x0A01, 0x0B02, 0x0C03, 0x0D04, 0x0E05, 0x0F06});
     QueueRead(3, 7, 12);
     SaveT_C_PRE(ReplyWithData(kDataPos, raw), PLC_driver.areaB);
-    EXPECT_EQ(PLC_driver.areaB[7], 0x0B02);
-    EXPECT_EQ(PLC_driver.areaB[8], 0x0E05);
+    EXPECT_EQ(Slice(PLC_driver.areaB, 7, 2), (std::vector<uint16_t>{0x0B02, 0x0E05}));
     SaveT_C_ACC(ReplyWithData(kDataPos, raw), PLC_driver.areaA);
-    EXPECT_EQ(PLC_driver.areaA[7], 0x0C03);
-    EXPECT_EQ(PLC_driver.areaA[8], 0x0F06);
+    EXPECT_EQ(Slice(PLC_driver.areaA, 7, 2), (std::vector<uint16_t>{0x0C03, 0x0F06}));
 }
 
 TEST_F(ReplyStorage, TimerSaversNeedSixBytesPerElement) {
@@ -334,10 +322,8 @@ TEST_F(ReplyStorage, ShortReplyLeavesUncoveredWordsUntouched) {
     // Four words promised, two and a half delivered.
     QueueRead(2, 10, 8);
     SaveToLocalDataErea(ReplyWithData(kDataPos, Hex("01 02 03 04 05")));
-    EXPECT_EQ(PLC_driver.areaA[10], 0x0201);
-    EXPECT_EQ(PLC_driver.areaA[11], 0x0403);
-    EXPECT_EQ(PLC_driver.areaA[12], kWordSentinel);
-    EXPECT_EQ(PLC_driver.areaA[13], kWordSentinel);
+    EXPECT_EQ(Slice(PLC_driver.areaA, 10, 4),
+              (std::vector<uint16_t>{0x0201, 0x0403, kWordSentinel, kWordSentinel}));
     EXPECT_EQ(ChangedA(), 2);
 }
 
@@ -345,16 +331,14 @@ TEST_F(ReplyStorage, ShortReplyEndingInsideADoubledDleLeavesWordUntouched) {
     // The low byte's DLE pair is complete but the high byte is missing.
     QueueRead(2, 10, 4);
     SaveToLocalDataErea(ReplyWithData(kDataPos, Hex("01 02 10 10")));
-    EXPECT_EQ(PLC_driver.areaA[10], 0x0201);
-    EXPECT_EQ(PLC_driver.areaA[11], kWordSentinel);
+    EXPECT_EQ(Slice(PLC_driver.areaA, 10, 2), (std::vector<uint16_t>{0x0201, kWordSentinel}));
 }
 
 TEST_F(ReplyStorage, ShortReplyLeavesUncoveredRealsUntouched) {
     QueueRead(4, 10, 12);
     SaveToLocalDataErea(ReplyWithData(kDataPos, Hex("01 02 03 04 05 06 07")));
-    EXPECT_EQ(PLC_driver.areaD[10], 0x04030201u);
-    EXPECT_EQ(PLC_driver.areaD[11], kRealSentinel);
-    EXPECT_EQ(PLC_driver.areaD[12], kRealSentinel);
+    EXPECT_EQ(Slice(PLC_driver.areaD, 10, 3),
+              (std::vector<uint32_t>{0x04030201u, kRealSentinel, kRealSentinel}));
 }
 
 TEST_F(ReplyStorage, ShortReplyEndingInsideStuffedRealLeavesItUntouched) {
@@ -368,13 +352,11 @@ TEST_F(ReplyStorage, ShortReplyLeavesUncoveredTimerElementsUntouched) {
     QueueRead(2, 20, 18);
     const QByteArray part = Words({0x0001, 0x0002, 0x0003, 0x0004, 0x0005});
     SaveT_C_PRE(ReplyWithData(kDataPos, part), PLC_driver.areaA);
-    EXPECT_EQ(PLC_driver.areaA[20], 0x0002);
-    EXPECT_EQ(PLC_driver.areaA[21], kWordSentinel);
-    EXPECT_EQ(PLC_driver.areaA[22], kWordSentinel);
+    EXPECT_EQ(Slice(PLC_driver.areaA, 20, 3),
+              (std::vector<uint16_t>{0x0002, kWordSentinel, kWordSentinel}));
     SaveT_C_ACC(ReplyWithData(kDataPos, part), PLC_driver.areaB);
-    EXPECT_EQ(PLC_driver.areaB[20], 0x0003);
-    EXPECT_EQ(PLC_driver.areaB[21], kWordSentinel);
-    EXPECT_EQ(PLC_driver.areaB[22], kWordSentinel);
+    EXPECT_EQ(Slice(PLC_driver.areaB, 20, 3),
+              (std::vector<uint16_t>{0x0003, kWordSentinel, kWordSentinel}));
 }
 
 TEST_F(ReplyStorage, AccumulatorMissingAfterStuffingIsUntouched) {
@@ -399,8 +381,7 @@ TEST_F(ReplyStorage, EmptyReplyStoresNothing) {
 TEST_F(ReplyStorage, HugeWordCountWithShortReplyStoresWhatArrived) {
     QueueRead(3, 0, INT_MAX);
     SaveToLocalDataErea(ReplyWithData(kDataPos, Words({0x1111, 0x2222})));
-    EXPECT_EQ(PLC_driver.areaB[0], 0x1111);
-    EXPECT_EQ(PLC_driver.areaB[1], 0x2222);
+    EXPECT_EQ(Slice(PLC_driver.areaB, 0, 2), (std::vector<uint16_t>{0x1111, 0x2222}));
     EXPECT_EQ(ChangedB(), 2);
 }
 
@@ -427,10 +408,8 @@ TEST_F(ReplyStorage, HugeTimerCountWithShortReplyStoresWhatArrived) {
 TEST_F(ReplyStorage, WordsPastEndOfFirstAreaAreSkipped) {
     QueueRead(2, 65534, 8);
     SaveToLocalDataErea(ReplyWithData(kDataPos, Words({0x0101, 0x0202, 0x0303, 0x0404})));
-    EXPECT_EQ(PLC_driver.areaA[65534], 0x0101);
-    EXPECT_EQ(PLC_driver.areaA[65535], 0x0202);
-    EXPECT_EQ(PLC_driver.areaB[0], kWordSentinel);
-    EXPECT_EQ(PLC_driver.areaB[1], kWordSentinel);
+    EXPECT_EQ(Slice(PLC_driver.areaA, 65534, 2), (std::vector<uint16_t>{0x0101, 0x0202}));
+    EXPECT_EQ(Slice(PLC_driver.areaB, 0, 2), (std::vector<uint16_t>{kWordSentinel, kWordSentinel}));
     EXPECT_EQ(ChangedA(), 2);
     EXPECT_EQ(ChangedB(), 0);
     EXPECT_EQ(ChangedD(), 0);
@@ -457,8 +436,7 @@ TEST_F(ReplyStorage, TimerElementsPastEndOfAreaAreSkipped) {
     const QByteArray raw = ReplyWithData(kDataPos, Words({1, 2, 3, 4, 5, 6, 7, 8, 9}));
     SaveT_C_PRE(raw, PLC_driver.areaA);
     EXPECT_EQ(PLC_driver.areaA[65535], 2);
-    EXPECT_EQ(PLC_driver.areaB[0], kWordSentinel);
-    EXPECT_EQ(PLC_driver.areaB[1], kWordSentinel);
+    EXPECT_EQ(Slice(PLC_driver.areaB, 0, 2), (std::vector<uint16_t>{kWordSentinel, kWordSentinel}));
     EXPECT_EQ(ChangedA(), 1);
     EXPECT_EQ(ChangedB(), 0);
 }
@@ -539,8 +517,7 @@ QByteArray ReadReply(uint8_t tnsByte, uint8_t typeCode, const QByteArray& values
 struct RoundTripRow {
     const char* name;
     int dataType;
-    int file;
-    int element;
+    int file, element;  // the address as the host writes it
     int count;
     int tns;
 };

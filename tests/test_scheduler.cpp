@@ -252,17 +252,17 @@ TEST_F(Scheduler, ModeNamesTheQueueOfTheRequestOnTheWire) {
     QueueOnce(WordRead(21, 5, 1));
     QueueCyclic(WordRead(100, 0, 2));
 
-    Protocol* p = ComCommunication();
-    ASSERT_NE(p, nullptr);
-    EXPECT_EQ(PLC_driver.mode, 1);
-    AckWrite(p);
-    p = ComCommunication();
-    ASSERT_NE(p, nullptr);
-    EXPECT_EQ(PLC_driver.mode, 2);
-    AnswerRead(p);
-    p = ComCommunication();
-    ASSERT_NE(p, nullptr);
-    EXPECT_EQ(PLC_driver.mode, 0);
+    // Write (1), then one-shot read (2), then cyclic read (0), each answered
+    // before the next goes out.
+    for (const int mode : {1, 2, 0}) {
+        Protocol* p = ComCommunication();
+        ASSERT_NE(p, nullptr);
+        EXPECT_EQ(PLC_driver.mode, mode);
+        if (mode == 1)
+            AckWrite(p);
+        else
+            AnswerRead(p);
+    }
 }
 
 TEST_F(Scheduler, RemoteModeSwitchedBetweenCalls_NextWriteUsesRemoteFrame) {
@@ -404,7 +404,8 @@ TEST_F(OneShotBitRead, ReplyLandsOnTheWordAndCallsBack) {
     QByteArray bits;
     ASSERT_EQ(GetRegisterData(0, ABCL_BIT_A, "7:10/3", 0, &bits, 20), 1);
     ASSERT_EQ(bits.size(), 20);
-    for (int i = 0; i < 20; ++i) EXPECT_EQ(bits[i], (i == 0 || i == 19) ? 1 : 0) << "bit " << i;
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(static_cast<int>(bits.at(i)), (i == 0 || i == 19) ? 1 : 0) << "bit " << i;
 }
 
 TEST_F(OneShotBitRead, RemoteFrameCarriesWordAddress) {
