@@ -63,13 +63,16 @@ constexpr double kMaxSeconds = 4000000.0;
 
 bool ParseUnsigned(const std::string& text, unsigned long max, unsigned long* value) {
     if (text.empty() || text.size() > kMaxDigits) return false;
-    unsigned long v = 0;
+    // Summed in 64 bits: every text of kMaxDigits digits fits, so nothing
+    // wraps before the maximum is checked, whatever the width of long (32
+    // bits on the ARM panels).
+    uint64_t v = 0;
     for (char c : text) {
         if (c < '0' || c > '9') return false;
-        v = v * 10 + static_cast<unsigned long>(c - '0');
+        v = v * 10 + static_cast<uint64_t>(c - '0');
     }
     if (v > max) return false;
-    *value = v;
+    *value = static_cast<unsigned long>(v);
     return true;
 }
 
