@@ -92,7 +92,7 @@ void EndToEnd::PrimeTransactionNumber() {
                                     peer::profile::kScratchElement, 1),
                          kPrimeVarId),
               0);
-    const std::vector<Step> steps = RunUntil([](const Step& s) { return s.result != 0; }, 4);
+    const std::vector<Step> steps = RunUntilReported(4);
     ASSERT_FALSE(steps.empty());
     ASSERT_TRUE(steps.back().isWrite());
     ASSERT_EQ(steps.back().result, 1)
@@ -136,6 +136,10 @@ std::vector<Step> EndToEnd::RunUntil(const std::function<bool(const Step&)>& don
     }
     ADD_FAILURE() << "not done within " << limit << " turns";
     return steps;
+}
+
+std::vector<Step> EndToEnd::RunUntilReported(int limit, const Hook& beforeSend) {
+    return RunUntil([](const Step& s) { return s.result != 0; }, limit, beforeSend);
 }
 
 std::vector<Step> EndToEnd::RunUntilCycleDone(int limit) {

@@ -78,6 +78,9 @@ protected:
     // turns have run; the second is a test failure.
     std::vector<Step> RunUntil(const std::function<bool(const Step&)>& done, int limit,
                                const Hook& beforeSend = nullptr);
+    // Turns until DataCom reports a result other than 0 (retry), within
+    // `limit` turns.
+    std::vector<Step> RunUntilReported(int limit, const Hook& beforeSend = nullptr);
     // Turns until ComInfo.cycleDone is 1, every one of them a good exchange.
     std::vector<Step> RunUntilCycleDone(int limit = 200);
     // Turns until ComCommunication returns nothing twice in a row: after

@@ -234,7 +234,7 @@ TEST_F(CipErrors, WritePastTheFileEndFailsOnLength) {
     // Two words from N7:255 run past the 256-element file: the controller
     // answers 29 bytes (general status 0xFF, extended 0x2105), not 27.
     EXPECT_GT(WriteWords(ABCL_WORD_B, "7:255", {5, 6}, 3), 0);
-    const auto steps = RunUntil([](const Step& s) { return s.result != 0; }, 4);
+    const auto steps = RunUntilReported(4);
     ASSERT_EQ(steps.size(), 2u);
     EXPECT_EQ(steps[0].received.size(), 29) << ToHex(steps[0].received);
     EXPECT_EQ(steps[0].result, 0);

@@ -29,8 +29,7 @@ TEST_F(DroppedReplies, WriteIsRetriedThenReportedAsNoReplyAndTheQueuesPurged) {
 
     EXPECT_GT(WriteWords(ABCL_WORD_B, "7:20", {5}, 3), 0);
     EXPECT_GT(WriteWords(ABCL_WORD_B, "7:21", {6}, 3), 0);
-    const auto steps = RunUntil([](const Step& s) { return s.result != 0; }, 6,
-                                OnWriteTo(20, [this] { DropNext(1); }));
+    const auto steps = RunUntilReported(6, OnWriteTo(20, [this] { DropNext(1); }));
     ASSERT_EQ(steps.size(), 3u);
     for (const Step& s : steps) {
         EXPECT_TRUE(s.isWrite());
@@ -114,8 +113,7 @@ TEST_F(CorruptBlockCheck, WriteIsRetriedThenReportedAsBadReply) {
     info.retryLimit = 1;
     EXPECT_GT(WriteWords(ABCL_WORD_B, "7:30", {9}, 5), 0);
     EXPECT_GT(WriteWords(ABCL_WORD_B, "7:31", {10}, 5), 0);
-    const auto steps = RunUntil([](const Step& s) { return s.result != 0; }, 4,
-                                OnWriteTo(30, [this] { CorruptNext(1); }));
+    const auto steps = RunUntilReported(4, OnWriteTo(30, [this] { CorruptNext(1); }));
     ASSERT_EQ(steps.size(), 2u);
     for (const Step& s : steps) {
         // The reply came whole; only its block check is wrong.

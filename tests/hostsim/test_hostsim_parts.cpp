@@ -31,6 +31,13 @@ std::vector<uint8_t> Bytes(const char* hex) {
     return std::vector<uint8_t>(bytes.begin(), bytes.end());
 }
 
+// ParseTagAddress with its reason in the failure message.
+::testing::AssertionResult Parses(const char* text, TagAddress* tag) {
+    std::string error;
+    if (ParseTagAddress(text, tag, &error)) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << text << ": " << error;
+}
+
 }  // namespace
 
 // ---- address texts ------------------------------------------------------
@@ -53,8 +60,7 @@ class TagAddressTexts : public ::testing::TestWithParam<AddressRow> {};
 TEST_P(TagAddressTexts, ParseToDataTypeDriverTextAndPackedAddress) {
     const AddressRow& row = GetParam();
     TagAddress a;
-    std::string error;
-    ASSERT_TRUE(ParseTagAddress(row.text, &a, &error)) << error;
+    ASSERT_TRUE(Parses(row.text, &a));
     EXPECT_EQ(a.letter, row.letter);
     EXPECT_EQ(a.file, row.file);
     EXPECT_EQ(a.element, row.element);
@@ -81,8 +87,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(TagAddressTexts, PluginReadsEveryDriverTextAsThePackedAddress) {
     for (const char* text : {"N7:0", "B3:0/5", "B3:17", "N7:2/15", "F8:200", "N10:1/0"}) {
         TagAddress a;
-        std::string error;
-        ASSERT_TRUE(ParseTagAddress(text, &a, &error)) << error;
+        ASSERT_TRUE(Parses(text, &a));
         EXPECT_EQ(PLCAddressChangeIntef(a.dataType(), QString::fromStdString(a.driverText())),
                   a.packedAddress())
             << text;
@@ -307,8 +312,7 @@ TEST(Options, DefaultTagsAreTheProfilesHostTags) {
 
 TagAddress Parsed(const char* text) {
     TagAddress a;
-    std::string error;
-    EXPECT_TRUE(ParseTagAddress(text, &a, &error)) << error;
+    EXPECT_TRUE(Parses(text, &a));
     return a;
 }
 
@@ -357,8 +361,7 @@ class CyclicEntries : public ::testing::TestWithParam<ItemsRow> {};
 TEST_P(CyclicEntries, CutAtWholeBlocks) {
     const ItemsRow& row = GetParam();
     TagAddress tag;
-    std::string error;
-    ASSERT_TRUE(ParseTagAddress(row.tag, &tag, &error)) << error;
+    ASSERT_TRUE(Parses(row.tag, &tag));
     const auto items = ReadItemsFor(tag, row.maxCount, row.remote);
     ASSERT_EQ(items.size(), row.items.size());
     for (std::size_t i = 0; i < items.size(); ++i) {
@@ -404,19 +407,9 @@ protected:
     // Builds the cyclic list from the tags; returns its (address, count)
     // entries in order.
     std::vector<std::pair<int, int>> Build(const std::vector<const char*>& texts) {
-        std::vector<ReadVarItem> items;
-        for (const char* text : texts) {
-            TagAddress tag;
-            std::string error;
-            EXPECT_TRUE(ParseTagAddress(text, &tag, &error)) << error;
-            for (const ReadItem& r : ReadItemsFor(tag, info.maxCount, false)) {
-                ReadVarItem item;
-                item.dataType = static_cast<uint8_t>(r.dataType);
-                item.addrText = QString::fromStdString(r.text);
-                item.count = r.count;
-                items.push_back(item);
-            }
-        }
+        std::vector<TagAddress> tags;
+        for (const char* text : texts) tags.push_back(Parsed(text));
+        std::vector<ReadVarItem> items = ReadVarItemsFor(tags, info.maxCount, false);
         QList<ReadVarItem*> list;
         for (ReadVarItem& item : items) list.append(&item);
         const int length = ReCreatReadVarList(&list);

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <ostream>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -23,6 +24,11 @@ namespace {
 std::vector<std::string> With(std::vector<std::string> args) {
     args.insert(args.begin(), {"--baud", "115200"});
     return args;
+}
+
+// Each text stands somewhere in the output.
+void ExpectTexts(const HostsimRun& run, std::initializer_list<const char*> texts) {
+    for (const char* text : texts) EXPECT_TRUE(run.contains(text)) << text << "\n" << run.output;
 }
 
 void ExpectRow(const HostsimRun& run, const std::string& tag, const std::string& pattern) {
@@ -77,9 +83,8 @@ TEST(HostsimRuns, WritesGoToTheControllerAndAreReadBack) {
         With({"--write", "N7:3=1234", "--write", "F8:1=2.5", "--write", "B3:0/5=1", "--tag",
               "N7:0 x4", "--tag", "F8:0 x2", "--tag", "B3:0", "--exchanges", "30"}));
     ASSERT_EQ(run.exitCode, 0) << run.output;
-    EXPECT_TRUE(run.contains("write N7:3=1234: result 1 good")) << run.output;
-    EXPECT_TRUE(run.contains("write F8:1=2.5: result 1 good")) << run.output;
-    EXPECT_TRUE(run.contains("write B3:0/5=1: result 1 good")) << run.output;
+    ExpectTexts(run, {"write N7:3=1234: result 1 good", "write F8:1=2.5: result 1 good",
+                      "write B3:0/5=1: result 1 good"});
     // The cyclic reads after the writes store what the controller holds.
     ExpectRow(run, "N7:0 x4", R"(1 good +0 0 0 1234$)");
     ExpectRow(run, "F8:0 x2", R"(1 good +0 2\.5$)");
@@ -129,9 +134,8 @@ TEST(HostsimRuns, RemoteModeReadsAndWrites) {
         With({"--remote", "--sim-set", "N7:5=4242", "--sim-set", "F8:2=0.25", "--write", "N7:6=77",
               "--write", "N7:7=88", "--tag", "N7:5 x3", "--tag", "F8:2", "--exchanges", "20"}));
     ASSERT_EQ(run.exitCode, 0) << run.output;
-    EXPECT_TRUE(run.contains("remote mode")) << run.output;
-    EXPECT_TRUE(run.contains("write N7:6=77: result 1 good")) << run.output;
-    EXPECT_TRUE(run.contains("write N7:7=88: result 1 good")) << run.output;
+    ExpectTexts(run,
+                {"remote mode", "write N7:6=77: result 1 good", "write N7:7=88: result 1 good"});
     ExpectRow(run, "N7:5 x3", R"(1 good +4242 77 88$)");
     ExpectRow(run, "F8:2", R"(1 good +0\.25$)");
 }

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <ostream>
 
 using namespace peer;
 
@@ -137,28 +138,34 @@ TEST(TagName, RejectsOtherNames) {
     EXPECT_FALSE(DecodeTagName(std::string("N0") + '0' + '\x10', &letter, &file));
 }
 
-TEST(Decode, CountOf256ReachesTheElementHighByte) {
-    // The driver writes a count's high byte where the member segment's high
-    // byte is; a controller reads element 256 and a count of 0.
-    const TagRequest request =
-        DecodeHex("52 05 91 04 4E 30 30 37 29 00 00 01 00 00 00 00 00 00 00 00");
-    EXPECT_TRUE(request.status.ok());
-    EXPECT_EQ(request.path.element, 256u);
-    EXPECT_EQ(request.count, 0);
+struct MemberRow {
+    const char* hex;
+    uint32_t element;
+    int count;
+};
+
+void PrintTo(const MemberRow& row, std::ostream* os) {
+    *os << row.hex;
 }
 
-TEST(Decode, EightAndThirtyTwoBitMembersAndNoMember) {
-    const TagRequest a = DecodeHex("52 04 91 04 4E 30 30 37 28 05 02 00 00 00 00 00");
-    EXPECT_TRUE(a.status.ok());
-    EXPECT_EQ(a.path.element, 5u);
-    const TagRequest b = DecodeHex("52 06 91 04 4E 30 30 37 2A 00 07 00 00 00 02 00 00 00 00 00");
-    EXPECT_TRUE(b.status.ok());
-    EXPECT_EQ(b.path.element, 7u);
-    const TagRequest c = DecodeHex("52 03 91 04 4E 30 30 37 02 00 00 00 00 00");
-    EXPECT_TRUE(c.status.ok());
-    EXPECT_EQ(c.path.element, 0u);
-    EXPECT_EQ(c.count, 2);
+class DecodeMembers : public ::testing::TestWithParam<MemberRow> {};
+
+TEST_P(DecodeMembers, ElementAndCountOfEachMemberSizeAndNoMember) {
+    const TagRequest request = DecodeHex(GetParam().hex);
+    EXPECT_TRUE(request.status.ok());
+    EXPECT_EQ(request.path.element, GetParam().element);
+    EXPECT_EQ(request.count, GetParam().count);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Decode, DecodeMembers,
+    ::testing::Values(
+        // The driver writes a count's high byte where the member segment's
+        // high byte is; a controller reads element 256 and a count of 0.
+        MemberRow{"52 05 91 04 4E 30 30 37 29 00 00 01 00 00 00 00 00 00 00 00", 256, 0},
+        MemberRow{"52 04 91 04 4E 30 30 37 28 05 02 00 00 00 00 00", 5, 2},              // 8-bit
+        MemberRow{"52 06 91 04 4E 30 30 37 2A 00 07 00 00 00 02 00 00 00 00 00", 7, 2},  // 32-bit
+        MemberRow{"52 03 91 04 4E 30 30 37 02 00 00 00 00 00", 0, 2}));                  // none
 
 TEST(Decode, OddSymbolLengthIsPadded) {
     const TagRequest request = DecodeHex("52 05 91 03 4E 30 37 00 29 00 01 00 01 00 00 00 00 00");

@@ -21,6 +21,12 @@ protected:
     std::vector<Transmission> Send(int64_t nowMs = 0) {
         return controller.receive(WriteFrame(), nowMs);
     }
+    // Sends a request that must get exactly one transmission back.
+    Transmission SendOne(int64_t nowMs = 0) {
+        std::vector<Transmission> out = Send(nowMs);
+        EXPECT_EQ(out.size(), 1u);
+        return out.at(0);  // throws, failing the test, when nothing came
+    }
     // Sends n requests; which of them got a reply (1-based).
     std::vector<int> Answered(int n) {
         std::vector<int> out;
@@ -77,14 +83,12 @@ TEST_F(FaultTest, CorruptBlockCheck) {
     FaultPlan plan;
     plan.corruptCheck.next = 1;
     controller.setFaults(plan);
-    const auto bad = Send();
-    ASSERT_EQ(bad.size(), 1u);
-    EXPECT_EQ(bad[0].bytes.size(), 27u);
-    EXPECT_FALSE(GoodReply(bad[0].bytes));
-    const auto good = Send();
-    ASSERT_EQ(good.size(), 1u);
-    EXPECT_TRUE(GoodReply(good[0].bytes));
-    EXPECT_EQ(bad[0].bytes.back(), static_cast<uint8_t>(~good[0].bytes.back()));
+    const Bytes bad = SendOne().bytes;
+    EXPECT_EQ(bad.size(), 27u);
+    EXPECT_FALSE(GoodReply(bad));
+    const Bytes good = SendOne().bytes;
+    EXPECT_TRUE(GoodReply(good));
+    EXPECT_EQ(bad.back(), static_cast<uint8_t>(~good.back()));
     EXPECT_EQ(controller.counters().corrupted, 1u);
 }
 
@@ -93,13 +97,11 @@ TEST_F(FaultTest, TruncateCutsTheEnd) {
     plan.truncate.every = 2;
     plan.truncateBytes = 5;
     controller.setFaults(plan);
-    const auto first = Send();
-    const auto second = Send();
-    ASSERT_EQ(first.size(), 1u);
-    ASSERT_EQ(second.size(), 1u);
-    EXPECT_EQ(first[0].bytes.size(), 27u);
-    EXPECT_EQ(second[0].bytes.size(), 22u);
-    EXPECT_EQ(Bytes(first[0].bytes.begin(), first[0].bytes.begin() + 22), second[0].bytes);
+    const Bytes first = SendOne().bytes;
+    const Bytes second = SendOne().bytes;
+    ASSERT_EQ(first.size(), 27u);
+    EXPECT_EQ(second.size(), 22u);
+    EXPECT_EQ(Bytes(first.begin(), first.begin() + 22), second);
     EXPECT_EQ(controller.counters().truncated, 1u);
 }
 
@@ -108,13 +110,10 @@ TEST_F(FaultTest, LateRepliesCarryTheirDelay) {
     plan.late.next = 1;
     plan.lateMs = 750;
     controller.setFaults(plan);
-    const auto late = Send();
-    ASSERT_EQ(late.size(), 1u);
-    EXPECT_EQ(late[0].delayMs, 750u);
-    EXPECT_TRUE(GoodReply(late[0].bytes));
-    const auto onTime = Send();
-    ASSERT_EQ(onTime.size(), 1u);
-    EXPECT_EQ(onTime[0].delayMs, 0u);
+    const Transmission late = SendOne();
+    EXPECT_EQ(late.delayMs, 750u);
+    EXPECT_TRUE(GoodReply(late.bytes));
+    EXPECT_EQ(SendOne().delayMs, 0u);
     EXPECT_EQ(controller.counters().delayed, 1u);
 }
 
@@ -122,12 +121,10 @@ TEST_F(FaultTest, WrongTransactionNumber) {
     FaultPlan plan;
     plan.wrongTns.next = 1;
     controller.setFaults(plan);
-    const auto wrong = Send();
-    ASSERT_EQ(wrong.size(), 1u);
-    EXPECT_EQ(wrong[0].bytes[8], 0x43);  // request TNS 0x42
-    EXPECT_TRUE(GoodReply(wrong[0].bytes));
-    const auto right = Send();
-    EXPECT_EQ(right[0].bytes[8], 0x42);
+    const Bytes wrong = SendOne().bytes;
+    EXPECT_EQ(wrong.at(8), 0x43);  // request TNS 0x42
+    EXPECT_TRUE(GoodReply(wrong));
+    EXPECT_EQ(SendOne().bytes.at(8), 0x42);
     EXPECT_EQ(controller.counters().wrongTns, 1u);
 }
 
@@ -173,11 +170,10 @@ TEST_F(FaultTest, FaultsCombineOnOneReply) {
     plan.late.next = 1;
     plan.lateMs = 10;
     controller.setFaults(plan);
-    const auto out = Send();
-    ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out[0].bytes[8], 0x43);
-    EXPECT_FALSE(GoodReply(out[0].bytes));
-    EXPECT_EQ(out[0].delayMs, 10u);
+    const Transmission out = SendOne();
+    EXPECT_EQ(out.bytes.at(8), 0x43);
+    EXPECT_FALSE(GoodReply(out.bytes));
+    EXPECT_EQ(out.delayMs, 10u);
 }
 
 TEST_F(FaultTest, DroppedReplyTakesNoOtherFault) {

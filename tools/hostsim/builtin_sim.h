@@ -11,12 +11,11 @@
 
 namespace hostsim {
 
+// Neither copied nor moved: the serving thread keeps pointers into State.
 class BuiltinSimulator {
 public:
     BuiltinSimulator();
     ~BuiltinSimulator();
-    BuiltinSimulator(const BuiltinSimulator&) = delete;
-    BuiltinSimulator& operator=(const BuiltinSimulator&) = delete;
 
     // Makes the memory (with the --sim-set values), the controller (direct
     // or remote mode, with the --sim-* faults) and the pseudo-terminal, and

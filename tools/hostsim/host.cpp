@@ -54,6 +54,21 @@ bool IsGoodResult(int code) {
     return code == 1 || code == 100;
 }
 
+std::vector<ReadVarItem> ReadVarItemsFor(const std::vector<TagAddress>& tags, int maxCount,
+                                         bool remote) {
+    std::vector<ReadVarItem> items;
+    for (const TagAddress& tag : tags) {
+        for (const ReadItem& r : ReadItemsFor(tag, maxCount, remote)) {
+            ReadVarItem item;
+            item.dataType = static_cast<uint8_t>(r.dataType);
+            item.addrText = QString::fromStdString(r.text);
+            item.count = r.count;
+            items.push_back(item);
+        }
+    }
+    return items;
+}
+
 int ImageCount(const TagAddress& tag) {
     return tag.letter == 'F' ? 2 * tag.count : tag.count;
 }
@@ -155,16 +170,7 @@ int Host::rebuildCyclicList() {
         std::lock_guard<std::mutex> lock(mutex_);
         tags = tags_;
     }
-    std::vector<ReadVarItem> items;
-    for (const TagAddress& tag : tags) {
-        for (const ReadItem& r : ReadItemsFor(tag, options_.maxCount, options_.remote)) {
-            ReadVarItem item;
-            item.dataType = static_cast<uint8_t>(r.dataType);
-            item.addrText = QString::fromStdString(r.text);
-            item.count = r.count;
-            items.push_back(item);
-        }
-    }
+    std::vector<ReadVarItem> items = ReadVarItemsFor(tags, options_.maxCount, options_.remote);
     QList<ReadVarItem*> list;
     for (ReadVarItem& item : items) list.append(&item);
     // Not under mutex_: the plug-in takes its list lock, which the callback

@@ -44,6 +44,11 @@ struct ReadItem {
 // values an entry); with maxCount 1 each value is its own entry of count 1.
 std::vector<ReadItem> ReadItemsFor(const TagAddress& tag, int maxCount, bool remote);
 
+// The records ReCreatReadVarList takes for the tags: every entry of each tag
+// (as ReadItemsFor cuts it), in the order of the tags.
+std::vector<ReadVarItem> ReadVarItemsFor(const std::vector<TagAddress>& tags, int maxCount,
+                                         bool remote);
+
 // The count of a tag for GetRegisterData: bits, words, or for REALs two
 // per value (the image counts 32-bit values in 16-bit units).
 int ImageCount(const TagAddress& tag);

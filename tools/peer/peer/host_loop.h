@@ -16,33 +16,38 @@
 #include <QtCore/QByteArray>
 
 #include <functional>
+#include <memory>
 #include <string>
 
 namespace peer {
 
+// The plug-in's entry points, listed once: PluginApi's members and
+// Plugin::load's resolution both come from this list, in this order.
+#define PEER_PLUGIN_ENTRY_POINTS(X) \
+    X(FlashLocalRegister)           \
+    X(SetComInfo)                   \
+    X(RegistCallBackFuncIntf)       \
+    X(QueryFinishFlag)              \
+    X(ComCommunication)             \
+    X(DataCom)                      \
+    X(PLCAddressChangeIntef)        \
+    X(AddListReadVar)               \
+    X(ReCreatReadVarList)           \
+    X(AddListWriteVar)              \
+    X(AddListOnceReadVar)           \
+    X(GetRegisterData)              \
+    X(SetRegisterData)
+
 struct PluginApi {
-    decltype(&::FlashLocalRegister) FlashLocalRegister = nullptr;
-    decltype(&::SetComInfo) SetComInfo = nullptr;
-    decltype(&::RegistCallBackFuncIntf) RegistCallBackFuncIntf = nullptr;
-    decltype(&::QueryFinishFlag) QueryFinishFlag = nullptr;
-    decltype(&::ComCommunication) ComCommunication = nullptr;
-    decltype(&::DataCom) DataCom = nullptr;
-    decltype(&::PLCAddressChangeIntef) PLCAddressChangeIntef = nullptr;
-    decltype(&::AddListReadVar) AddListReadVar = nullptr;
-    decltype(&::ReCreatReadVarList) ReCreatReadVarList = nullptr;
-    decltype(&::AddListWriteVar) AddListWriteVar = nullptr;
-    decltype(&::AddListOnceReadVar) AddListOnceReadVar = nullptr;
-    decltype(&::GetRegisterData) GetRegisterData = nullptr;
-    decltype(&::SetRegisterData) SetRegisterData = nullptr;
+#define PEER_DECLARE_ENTRY_POINT(name) decltype(&::name) name = nullptr;
+    PEER_PLUGIN_ENTRY_POINTS(PEER_DECLARE_ENTRY_POINT)
+#undef PEER_DECLARE_ENTRY_POINT
 };
 
+// Not copyable: the library handle is owned, and closing it destroys the
+// driver's state.
 class Plugin {
 public:
-    Plugin() = default;
-    ~Plugin();
-    Plugin(const Plugin&) = delete;
-    Plugin& operator=(const Plugin&) = delete;
-
     // Loads the library and resolves every entry point. False with a reason
     // (the loader's message, or the first entry point that is missing); the
     // library is not kept loaded then.
@@ -54,7 +59,10 @@ public:
     const std::string& path() const { return path_; }
 
 private:
-    void* handle_ = nullptr;
+    struct Closer {
+        void operator()(void* handle) const;
+    };
+    std::unique_ptr<void, Closer> handle_;
     std::string path_;
     PluginApi api_;
 };

@@ -93,6 +93,32 @@ bool DecodeTagName(const std::string& name, char* letter, int* file) {
     return true;
 }
 
+namespace {
+
+// The fields after the path of the read and write services: a write's data
+// type, the element count, a fragmented service's byte offset, then a
+// write's values. False when the fixed fields do not fit.
+bool DecodeReadWriteFields(const uint8_t* data, std::size_t size, TagRequest* request) {
+    const bool write =
+        request->service == cip::kWriteTag || request->service == cip::kWriteTagFragmented;
+    const bool fragmented =
+        request->service == cip::kReadTagFragmented || request->service == cip::kWriteTagFragmented;
+    const std::size_t countAt = write ? 2 : 0;
+    const std::size_t fixed = countAt + 2 + (fragmented ? 4 : 0);
+    if (size < fixed) return false;
+    if (write) request->dataType = Le16(data);
+    request->count = Le16(data + countAt);
+    if (fragmented) request->byteOffset = Le32(data + countAt + 2);
+    if (write) {
+        request->values.assign(data + fixed, data + size);
+    } else {
+        request->extraBytes = size - fixed;
+    }
+    return true;
+}
+
+}  // namespace
+
 TagRequest DecodeTagRequest(const uint8_t* p, std::size_t n) {
     TagRequest request;
     if (n == 0) {
@@ -120,28 +146,10 @@ TagRequest DecodeTagRequest(const uint8_t* p, std::size_t n) {
     };
     switch (request.service) {
         case cip::kReadTag:
-            if (size < 2) return notEnough();
-            request.count = Le16(data);
-            request.extraBytes = size - 2;
-            break;
         case cip::kReadTagFragmented:
-            if (size < 6) return notEnough();
-            request.count = Le16(data);
-            request.byteOffset = Le32(data + 2);
-            request.extraBytes = size - 6;
-            break;
         case cip::kWriteTag:
-            if (size < 4) return notEnough();
-            request.dataType = Le16(data);
-            request.count = Le16(data + 2);
-            request.values.assign(data + 4, data + size);
-            break;
         case cip::kWriteTagFragmented:
-            if (size < 8) return notEnough();
-            request.dataType = Le16(data);
-            request.count = Le16(data + 2);
-            request.byteOffset = Le32(data + 4);
-            request.values.assign(data + 8, data + size);
+            if (!DecodeReadWriteFields(data, size, &request)) return notEnough();
             break;
         case cip::kReadModifyWriteTag: {
             if (size < 2) return notEnough();

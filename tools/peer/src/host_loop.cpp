@@ -19,13 +19,12 @@ bool Resolve(void* handle, const char* name, Fn* fn, std::string* missing) {
 
 }  // namespace
 
-Plugin::~Plugin() {
-    unload();
+void Plugin::Closer::operator()(void* handle) const {
+    dlclose(handle);
 }
 
 void Plugin::unload() {
-    if (handle_) dlclose(handle_);
-    handle_ = nullptr;
+    handle_.reset();
     api_ = PluginApi();
 }
 
@@ -41,25 +40,15 @@ bool Plugin::load(const std::string& path, std::string* error) {
     PluginApi api;
     std::string missing;
     bool ok = true;
-    ok &= Resolve(handle, "FlashLocalRegister", &api.FlashLocalRegister, &missing);
-    ok &= Resolve(handle, "SetComInfo", &api.SetComInfo, &missing);
-    ok &= Resolve(handle, "RegistCallBackFuncIntf", &api.RegistCallBackFuncIntf, &missing);
-    ok &= Resolve(handle, "QueryFinishFlag", &api.QueryFinishFlag, &missing);
-    ok &= Resolve(handle, "ComCommunication", &api.ComCommunication, &missing);
-    ok &= Resolve(handle, "DataCom", &api.DataCom, &missing);
-    ok &= Resolve(handle, "PLCAddressChangeIntef", &api.PLCAddressChangeIntef, &missing);
-    ok &= Resolve(handle, "AddListReadVar", &api.AddListReadVar, &missing);
-    ok &= Resolve(handle, "ReCreatReadVarList", &api.ReCreatReadVarList, &missing);
-    ok &= Resolve(handle, "AddListWriteVar", &api.AddListWriteVar, &missing);
-    ok &= Resolve(handle, "AddListOnceReadVar", &api.AddListOnceReadVar, &missing);
-    ok &= Resolve(handle, "GetRegisterData", &api.GetRegisterData, &missing);
-    ok &= Resolve(handle, "SetRegisterData", &api.SetRegisterData, &missing);
+#define PEER_RESOLVE_ENTRY_POINT(name) ok &= Resolve(handle, #name, &api.name, &missing);
+    PEER_PLUGIN_ENTRY_POINTS(PEER_RESOLVE_ENTRY_POINT)
+#undef PEER_RESOLVE_ENTRY_POINT
     if (!ok) {
         if (error) *error = "the plug-in " + path + " has no entry point '" + missing + "'";
         dlclose(handle);
         return false;
     }
-    handle_ = handle;
+    handle_.reset(handle);
     path_ = path;
     api_ = api;
     return true;
