@@ -19,6 +19,7 @@ source "$repo_root/scripts/packages.sh"
 abcl_ensure_packages build-matrix.sh cmake make g++ clang qtbase5-dev libgtest-dev libgmock-dev ||
     exit 1
 
+mkdir -p "$build_root" || exit 1
 status=0
 results=()
 for compiler in g++ clang++; do
