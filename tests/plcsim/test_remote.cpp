@@ -77,7 +77,7 @@ TEST(RemoteFrame, DecodesTheReadExample) {
     EXPECT_EQ(r->aux2, 0);
     EXPECT_EQ(r->linkNo, 1);
     EXPECT_EQ(r->station, 2);
-    EXPECT_EQ(r->dataType, 3);
+    EXPECT_EQ(r->dataType, remote::kWordOfN);
     EXPECT_EQ(r->address, 0x705u);
     EXPECT_EQ(r->count, 10);
     EXPECT_TRUE(r->data.empty());
@@ -155,7 +155,7 @@ TEST_F(RemoteTest, ReadReplyHasDataFromPosition10) {
 
 TEST_F(RemoteTest, ShortReadReplyIsPaddedTo27Bytes) {
     memory.setWord('B', 3, 1, 0xA55A);
-    const Bytes reply = Ask(RemoteFrame(2, 2, 0x301, 1));
+    const Bytes reply = Ask(RemoteFrame(2, remote::kWordOfB, 0x301, 1));
     ASSERT_EQ(reply.size(), 27u);
     EXPECT_EQ(ToHex(reply),
               "10 06 10 02 02 00 41 00 01 00 5A A5 00 00 00 00 00 00 00 00 00 00 00 "
@@ -173,7 +173,7 @@ TEST_F(RemoteTest, WriteReplyIs14BytesAndChangesMemory) {
 }
 
 TEST_F(RemoteTest, StationAndTransaction0x10AreDoubled) {
-    const Bytes write = Ask(RemoteFrame(0x10, 3, 0x700, 1, Hex("01 00"), 1));
+    const Bytes write = Ask(RemoteFrame(0x10, remote::kWordOfN, 0x700, 1, Hex("01 00"), 1));
     ASSERT_EQ(write.size(), 15u);
     EXPECT_EQ(ToHex(Bytes(write.begin(), write.begin() + 6)), "10 06 10 02 10 10");
 
@@ -182,7 +182,7 @@ TEST_F(RemoteTest, StationAndTransaction0x10AreDoubled) {
     options.remoteTransactionStart = 0x10;
     Controller sixteen(memory, options);
     memory.setWord('N', 7, 0, 0x0201);
-    const auto out = sixteen.receive(RemoteFrame(0x10, 3, 0x700, 1), 0);
+    const auto out = sixteen.receive(RemoteFrame(0x10, remote::kWordOfN, 0x700, 1), 0);
     ASSERT_EQ(out.size(), 1u);
     const Bytes& read = out[0].bytes;
     // Station and transaction both doubled: the data start at 12.
@@ -190,26 +190,26 @@ TEST_F(RemoteTest, StationAndTransaction0x10AreDoubled) {
               "10 06 10 02 10 10 00 41 00 10 10 00 01 02");
     EXPECT_EQ(read.size(), 29u);
     // The next reply carries transaction 0x11.
-    const auto next = sixteen.receive(RemoteFrame(0x02, 3, 0x700, 1), 0);
+    const auto next = sixteen.receive(RemoteFrame(0x02, remote::kWordOfN, 0x700, 1), 0);
     ASSERT_EQ(next.size(), 1u);
     EXPECT_EQ(next[0].bytes[8], 0x11);
 }
 
 TEST_F(RemoteTest, TransactionAdvancesPerReply) {
-    const Bytes a = Ask(RemoteFrame(2, 3, 0x700, 1));
-    const Bytes b = Ask(RemoteFrame(2, 3, 0x700, 1));
+    const Bytes a = Ask(RemoteFrame(2, remote::kWordOfN, 0x700, 1));
+    const Bytes b = Ask(RemoteFrame(2, remote::kWordOfN, 0x700, 1));
     EXPECT_EQ(a[8], 0x01);
     EXPECT_EQ(b[8], 0x02);
 }
 
 TEST_F(RemoteTest, RealsAreReadAndWrittenFourBytesEach) {
     memory.setReal(8, 3, 1.5f);
-    const Bytes read = Ask(RemoteFrame(2, 4, 0x803, 2));
+    const Bytes read = Ask(RemoteFrame(2, remote::kReal, 0x803, 2));
     ASSERT_EQ(read.size(), 27u);
     EXPECT_EQ(ToHex(Bytes(read.begin() + 10, read.begin() + 18)), "00 00 C0 3F 00 00 00 00");
 
     // A write carries count in 16-bit words (4 for two REALs) and 8 bytes.
-    Ask(RemoteFrame(2, 4, 0x800, 4, Hex("00 00 80 3F 00 00 00 40"), 1));
+    Ask(RemoteFrame(2, remote::kReal, 0x800, 4, Hex("00 00 80 3F 00 00 00 40"), 1));
     EXPECT_EQ(memory.real(8, 0), 1.0f);
     EXPECT_EQ(memory.real(8, 1), 2.0f);
 }
@@ -218,41 +218,42 @@ TEST_F(RemoteTest, BitWritesUseTheBitAddress) {
     memory.setWord('N', 7, 10, 0x0000);
     // N7:10/3, one byte per bit: 1 sets, anything else clears.
     const uint32_t bit = (7 * 256 + 10) * 16 + 3;
-    Ask(RemoteFrame(2, 1, bit, 1, Hex("01"), 1));
+    Ask(RemoteFrame(2, remote::kBitOfN, bit, 1, Hex("01"), 1));
     EXPECT_EQ(memory.word('N', 7, 10), 0x0008);
-    Ask(RemoteFrame(2, 1, bit, 3, Hex("00 01 05"), 1));
+    Ask(RemoteFrame(2, remote::kBitOfN, bit, 3, Hex("00 01 05"), 1));
     EXPECT_EQ(memory.word('N', 7, 10), 0x0010);
     memory.setWord('B', 3, 255, 0);
-    const Bytes reply = Ask(RemoteFrame(2, 0, (3 * 256 + 255) * 16 + 15, 2, Hex("01 01"), 1));
+    const Bytes reply =
+        Ask(RemoteFrame(2, remote::kBitOfB, (3 * 256 + 255) * 16 + 15, 2, Hex("01 01"), 1));
     EXPECT_EQ(reply[10], remote::kWriteRefused);  // the second bit lies past B3's end
     EXPECT_EQ(memory.word('B', 3, 255), 0);
 }
 
 TEST_F(RemoteTest, BitTypeReadsAreWordReads) {
     memory.setWord('B', 3, 4, 0x8001);
-    const Bytes reply = Ask(RemoteFrame(2, 0, 0x304, 1));
+    const Bytes reply = Ask(RemoteFrame(2, remote::kBitOfB, 0x304, 1));
     EXPECT_EQ(ToHex(Bytes(reply.begin() + 10, reply.begin() + 12)), "01 80");
 }
 
 TEST_F(RemoteTest, ErrorsKeepTheReplyLengths) {
-    const Bytes unknown = Ask(RemoteFrame(2, 3, 0x300, 1));  // N3 does not exist
+    const Bytes unknown = Ask(RemoteFrame(2, remote::kWordOfN, 0x300, 1));  // N3 does not exist
     ASSERT_EQ(unknown.size(), 27u);
     EXPECT_EQ(unknown[7], remote::kStsNoSuchAddress);
-    const Bytes past = Ask(RemoteFrame(2, 3, 0x7FF, 2));
+    const Bytes past = Ask(RemoteFrame(2, remote::kWordOfN, 0x7FF, 2));
     EXPECT_EQ(past[7], remote::kStsNoSuchAddress);
     const Bytes type = Ask(RemoteFrame(2, 9, 0x700, 1));
     EXPECT_EQ(type[7], remote::kStsTypeNotSupported);
-    const Bytes refused = Ask(RemoteFrame(2, 3, 0x7FF, 2, Hex("01 00 02 00"), 1));
+    const Bytes refused = Ask(RemoteFrame(2, remote::kWordOfN, 0x7FF, 2, Hex("01 00 02 00"), 1));
     ASSERT_EQ(refused.size(), 14u);
     EXPECT_EQ(refused[7], remote::kStsNoSuchAddress);
     EXPECT_EQ(refused[10], remote::kWriteRefused);
     EXPECT_EQ(memory.word('N', 7, 255), 0);
-    const Bytes odd = Ask(RemoteFrame(2, 3, 0x700, 1, Hex("01"), 1));
+    const Bytes odd = Ask(RemoteFrame(2, remote::kWordOfN, 0x700, 1, Hex("01"), 1));
     EXPECT_EQ(odd[7], remote::kStsNotEnoughData);
 }
 
 TEST_F(RemoteTest, EmptyWriteMarkedInAux2IsAWriteOfNothing) {
-    const Bytes reply = Ask(RemoteFrame(2, 3, 0x700, 0, {}, 1));
+    const Bytes reply = Ask(RemoteFrame(2, remote::kWordOfN, 0x700, 0, {}, 1));
     ASSERT_EQ(reply.size(), 14u);
     EXPECT_EQ(reply[10], remote::kWriteDone);
 }
