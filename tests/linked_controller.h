@@ -80,12 +80,11 @@ private:
 // The entry points of the driver linked into the test program, for the
 // loop that a loaded plug-in would otherwise serve.
 inline peer::PluginApi LinkedDriverApi() {
-    // In the order PluginApi declares them.
-    return peer::PluginApi{
-        &::FlashLocalRegister, &::SetComInfo,      &::RegistCallBackFuncIntf, &::QueryFinishFlag,
-        &::ComCommunication,   &::DataCom,         &::PLCAddressChangeIntef,  &::AddListReadVar,
-        &::ReCreatReadVarList, &::AddListWriteVar, &::AddListOnceReadVar,     &::GetRegisterData,
-        &::SetRegisterData};
+    peer::PluginApi api;
+#define ABCL_LINK_ENTRY_POINT(name) api.name = &::name;
+    PEER_PLUGIN_ENTRY_POINTS(ABCL_LINK_ENTRY_POINT)
+#undef ABCL_LINK_ENTRY_POINT
+    return api;
 }
 
 // One turn of the host's loop against a linked controller.

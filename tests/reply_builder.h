@@ -62,14 +62,7 @@ inline uint8_t BlockCheckOfFrame(const QByteArray& frame) {
 // The envelope around bytes taken as they are (already stuffed, or on
 // purpose not) and a block check chosen by the test.
 inline QByteArray Envelope(const QByteArray& lineBody, uint8_t blockCheck) {
-    using namespace peer::df1;
-    QByteArray out;
-    for (uint8_t b : std::initializer_list<uint8_t>{kDle, kAck, kDle, kStx})
-        out.append(static_cast<char>(b));
-    out.append(lineBody);
-    out.append(static_cast<char>(kDle)).append(static_cast<char>(kEtx));
-    out.append(static_cast<char>(blockCheck));
-    return out;
+    return ToQt(peer::Envelope(ToBytes(lineBody), blockCheck));
 }
 
 // Un-stuffed reply body: DF1 header (DST, SRC, CMD, STS, TNS low, TNS high),
@@ -175,8 +168,8 @@ inline uint32_t FloatBits(float f) {
 // with a TNS of DLE does not read back through the peer; this reading keeps
 // a lone DLE as itself.
 inline QByteArray UndoubledRequest(const QByteArray& frame) {
-    constexpr int kLeadIn = 4;
-    constexpr int kTrailer = 3;
+    constexpr int kLeadIn = peer::df1::kLeadInSize;
+    constexpr int kTrailer = peer::df1::kTrailerSize;
     const int bodyEnd = frame.size() - kTrailer;
     QByteArray out = frame.left(kLeadIn);
     for (int i = kLeadIn; i < bodyEnd; ++i) {
@@ -191,7 +184,7 @@ inline QByteArray UndoubledRequest(const QByteArray& frame) {
 // frame's body after the DF1 header and the two bytes before the CIP
 // request. Nothing when the frame or its request cannot be read.
 inline std::optional<peer::TagRequest> DecodeRequest(const QByteArray& frame) {
-    constexpr std::size_t kCipStart = peer::df1::kHeaderSize + 2;
+    constexpr std::size_t kCipStart = peer::df1::kCipStart;
     const auto body = peer::MessageBody(ToBytes(frame));
     if (!body || body->size() <= kCipStart) return std::nullopt;
     const peer::CipMessage message =

@@ -5,6 +5,7 @@
 
 #include "ab_controllogix_compactlogix.h"
 #include "ab_controllogix_compactlogix_p.h"
+#include "hex_text.h"
 #include "fresh_driver.h"
 
 #include <gtest/gtest.h>
@@ -15,16 +16,6 @@
 #include <cstring>
 #include <string>
 #include <vector>
-
-// "10 06 10 02" -> bytes. Blanks are ignored.
-inline QByteArray Hex(const char* text) {
-    return QByteArray::fromHex(QByteArray(text).replace(' ', ""));
-}
-
-// bytes -> "10 06 10 02", upper case, for readable failure messages.
-inline std::string ToHex(const QByteArray& bytes) {
-    return bytes.toHex(' ').toUpper().toStdString();
-}
 
 // Names each row of a table-driven test after the row's `name`.
 struct RowName {

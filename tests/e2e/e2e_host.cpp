@@ -366,16 +366,4 @@ uint8_t ByteAt(const QByteArray& bytes, int position) {
     return position >= 0 && position < bytes.size() ? static_cast<uint8_t>(bytes.at(position)) : 0;
 }
 
-std::string ToHex(const QByteArray& bytes) {
-    std::string out;
-    static const char digits[] = "0123456789ABCDEF";
-    for (int i = 0; i < bytes.size(); ++i) {
-        const auto b = static_cast<unsigned char>(bytes[i]);
-        if (i) out += ' ';
-        out += digits[b >> 4];
-        out += digits[b & 15];
-    }
-    return out;
-}
-
 }  // namespace e2e

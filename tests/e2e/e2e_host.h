@@ -10,6 +10,7 @@
 #define ABCL_E2E_HOST_H
 
 #include "ab_controllogix_compactlogix.h"
+#include "../hex_text.h"
 
 #include "peer/controller.h"
 #include "peer/host_loop.h"
@@ -163,8 +164,6 @@ int DleBytes(const std::vector<uint32_t>& values);
 
 // Reply byte at a position (0 when the reply is shorter).
 uint8_t ByteAt(const QByteArray& bytes, int position);
-
-std::string ToHex(const QByteArray& bytes);
 
 }  // namespace e2e
 

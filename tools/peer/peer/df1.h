@@ -45,6 +45,10 @@ enum HeaderOffset : int {
     kHeaderSize
 };
 
+// An embedded-CIP message carries two bytes between the DF1 header and the
+// CIP message itself (a reply echoes them).
+enum CipPlacement : int { kCipPrefixSize = 2, kCipStart = kHeaderSize + kCipPrefixSize };
+
 // A message's lead-in (DLE ACK for the other side's last message, then
 // DLE STX) and trailer (DLE ETX and the block check character).
 enum EnvelopeSize : int { kLeadInSize = 4, kTrailerSize = 3 };
@@ -154,8 +158,19 @@ inline uint8_t RemoteChecksum(const std::vector<uint8_t>& bytes) {
     return RemoteChecksum(bytes.data(), bytes.size());
 }
 
+// CIP's multi-byte fields go low byte first.
+inline uint16_t Le16(const uint8_t* bytes) {
+    return static_cast<uint16_t>(bytes[0] | (bytes[1] << 8));
+}
+
 // Puts one body byte, doubled when it is DLE.
 void AppendStuffed(std::vector<uint8_t>* out, uint8_t byte);
+
+// The envelope around bytes exactly as they go on the line (already stuffed,
+// or on purpose not): DLE ACK DLE STX, the bytes, DLE ETX, the block check
+// as given. FrameMessage is this envelope around a stuffed body and its own
+// block check; a test builds a damaged message with it directly.
+std::vector<uint8_t> Envelope(const std::vector<uint8_t>& lineBytes, uint8_t blockCheck);
 
 // A complete message as either side sends it: DLE ACK (for the other side's
 // last message) DLE STX, the body with every DLE doubled, DLE ETX and the

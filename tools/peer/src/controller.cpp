@@ -7,14 +7,6 @@
 
 namespace peer {
 
-namespace {
-
-// The two bytes that precede the CIP request in every message; the reply
-// carries them back in the same place.
-constexpr std::size_t kPrefixSize = 2;
-
-}  // namespace
-
 std::optional<std::vector<uint8_t>> AnswerDf1Message(const std::vector<uint8_t>& body,
                                                      TagMemory& memory, std::size_t maxReplyData) {
     if (body.size() < static_cast<std::size_t>(df1::kHeaderSize)) return std::nullopt;
@@ -28,15 +20,16 @@ std::optional<std::vector<uint8_t>> AnswerDf1Message(const std::vector<uint8_t>&
                                   body[df1::kHeaderTnsLow],
                                   body[df1::kHeaderTnsHigh]};
     const std::size_t application = body.size() - df1::kHeaderSize;
-    if (body[df1::kHeaderCmd] != df1::kCmdCip || application < kPrefixSize + 1) {
+    // The two bytes before the CIP request go back in the same place.
+    constexpr std::size_t kPrefix = df1::kCipPrefixSize;
+    if (body[df1::kHeaderCmd] != df1::kCmdCip || application < kPrefix + 1) {
         reply[df1::kHeaderSts] = df1::kStsIllegalCommand;
         return reply;
     }
     const uint8_t* prefix = body.data() + df1::kHeaderSize;
-    reply.insert(reply.end(), prefix, prefix + kPrefixSize);
-    const std::size_t budget = maxReplyData > kPrefixSize ? maxReplyData - kPrefixSize : 0;
-    const auto cipReply =
-        AnswerCipMessage(prefix + kPrefixSize, application - kPrefixSize, memory, budget);
+    reply.insert(reply.end(), prefix, prefix + kPrefix);
+    const std::size_t budget = maxReplyData > kPrefix ? maxReplyData - kPrefix : 0;
+    const auto cipReply = AnswerCipMessage(prefix + kPrefix, application - kPrefix, memory, budget);
     reply.insert(reply.end(), cipReply.begin(), cipReply.end());
     return reply;
 }

@@ -19,18 +19,25 @@ void AppendStuffed(std::vector<uint8_t>* out, uint8_t byte) {
     if (byte == df1::kDle) out->push_back(byte);
 }
 
-std::vector<uint8_t> FrameMessage(const std::vector<uint8_t>& body) {
+std::vector<uint8_t> Envelope(const std::vector<uint8_t>& lineBytes, uint8_t blockCheck) {
     std::vector<uint8_t> out;
-    out.reserve(body.size() + 16);
+    out.reserve(lineBytes.size() + df1::kLeadInSize + df1::kTrailerSize);
     out.push_back(df1::kDle);
     out.push_back(df1::kAck);
     out.push_back(df1::kDle);
     out.push_back(df1::kStx);
-    for (uint8_t b : body) AppendStuffed(&out, b);
+    out.insert(out.end(), lineBytes.begin(), lineBytes.end());
     out.push_back(df1::kDle);
     out.push_back(df1::kEtx);
-    out.push_back(BlockCheck(body));
+    out.push_back(blockCheck);
     return out;
+}
+
+std::vector<uint8_t> FrameMessage(const std::vector<uint8_t>& body) {
+    std::vector<uint8_t> stuffed;
+    stuffed.reserve(body.size() + 8);
+    for (uint8_t b : body) AppendStuffed(&stuffed, b);
+    return Envelope(stuffed, BlockCheck(body));
 }
 
 std::optional<std::vector<uint8_t>> MessageBody(const std::vector<uint8_t>& message) {

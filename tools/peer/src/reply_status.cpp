@@ -10,22 +10,17 @@ namespace {
 // two bytes the request carries before its CIP part (echoed), then the CIP
 // reply: service, reserved, general status, size of the extended status in
 // words.
-constexpr std::size_t kStsPos = 3;
-constexpr std::size_t kCipPos = df1::kHeaderSize + 2;
+constexpr std::size_t kCipPos = df1::kCipStart;
 constexpr std::size_t kCipHeaderSize = 4;
 constexpr uint8_t kMultipleServiceReply = cip::kMultipleServicePacket | cip::kReplyFlag;
-
-uint16_t Le16(const std::vector<uint8_t>& b, std::size_t pos) {
-    return static_cast<uint16_t>(b[pos] | (b[pos + 1] << 8));
-}
 
 // The embedded reply's general status, when the Multiple Service Packet
 // reply lists at least one reply and the first one's header is there.
 void ReadEmbedded(const std::vector<uint8_t>& b, ReplyStatus* s) {
     const std::size_t countPos = kCipPos + kCipHeaderSize + 2u * b[kCipPos + 3];
     if (b[kCipPos] != kMultipleServiceReply || b.size() < countPos + 4) return;
-    if (Le16(b, countPos) < 1) return;
-    const std::size_t embedded = countPos + Le16(b, countPos + 2);
+    if (Le16(&b[countPos]) < 1) return;
+    const std::size_t embedded = countPos + Le16(&b[countPos + 2]);
     if (b.size() < embedded + kCipHeaderSize) return;
     s->hasEmbedded = true;
     s->embeddedGeneral = b[embedded + 2];
@@ -36,10 +31,10 @@ void ReadEmbedded(const std::vector<uint8_t>& b, ReplyStatus* s) {
 ReplyStatus ReadReplyStatus(const std::vector<uint8_t>& reply) {
     ReplyStatus s;
     const auto body = MessageBody(reply);
-    if (!body || body->size() <= kStsPos + 2) return s;
+    if (!body || body->size() <= df1::kHeaderTnsHigh) return s;
     const std::vector<uint8_t>& b = *body;
     s.parsed = true;
-    s.df1Status = b[kStsPos];
+    s.df1Status = b[df1::kHeaderSts];
     if (b.size() < kCipPos + kCipHeaderSize) return s;
     s.hasCip = true;
     s.cipGeneral = b[kCipPos + 2];
