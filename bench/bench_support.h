@@ -7,6 +7,7 @@
 #include "ab_controllogix_compactlogix.h"
 #include "ab_controllogix_compactlogix_p.h"
 #include "fresh_driver.h"
+#include "host_variables.h"
 
 #include <benchmark/benchmark.h>
 
