@@ -8,6 +8,7 @@
 #include "host.h"
 #include "options.h"
 #include "plugin_locator.h"
+#include "peer/capture.h"
 #include "peer/host_loop.h"
 #include "peer/line.h"
 
@@ -79,8 +80,10 @@ bool InstallSignals(std::string* error) {
     return true;
 }
 
-// The line: the built-in simulator's pseudo-terminal or a serial device.
+// The line: the built-in simulator's pseudo-terminal or a serial device,
+// and what crosses it when it is captured.
 struct Link {
+    peer::LineCapture capture;  // outlives the port, which reports to it
     hostsim::BuiltinSimulator simulator;
     peer::HostPort port;
     std::string text;  // what the title says about it
@@ -102,6 +105,31 @@ int OpenLink(const Options& options, Link* link, std::string* error) {
     if (options.port.empty()) link->port.setPaceBaud(options.baud);
     link->text += " at " + std::to_string(options.baud) + " baud";
     return hostsim::kExitOk;
+}
+
+// With --capture, every byte the port sends and receives goes into the
+// capture: the requests as the plug-in framed them, and the replies (of the
+// built-in simulator, too) as they came off the line. False with a reason
+// when the file cannot be written.
+bool StartCapture(const Options& options, Link* link, std::string* error) {
+    if (options.capturePath.empty()) return true;
+    peer::LineCapture& capture = link->capture;
+    if (!capture.open(options.capturePath, "hostsim " + link->port.path(), options.baud, error))
+        return false;
+    capture.setRemote(options.remote);
+    link->port.setObserver(
+        [&capture](peer::Traffic traffic, const uint8_t* bytes, std::size_t n, int64_t nowNs) {
+            capture.recordHostTraffic(traffic, bytes, n, nowNs);
+        });
+    link->text += ", capture " + options.capturePath;
+    return true;
+}
+
+void FinishCapture(Link& link) {
+    if (!link.capture.isOpen()) return;
+    link.capture.close();
+    const std::string error = link.capture.error();
+    if (!error.empty()) std::cerr << "hostsim: " << error << "\n";
 }
 
 std::vector<std::string> TitleLines(const peer::Plugin& plugin, const Host& host,
@@ -278,6 +306,7 @@ int Run(const peer::Plugin& plugin, Link& link, Host& host, const Options& optio
     Wake();
     exchanges.join();
     link.simulator.stop();
+    FinishCapture(link);
     session.finish(plugin, lineOk);
     return lineOk ? hostsim::kExitOk : Fail(hostsim::kExitLink, host.lineError());
 }
@@ -309,6 +338,8 @@ int main(int argc, char** argv) {
     Link link;
     const int linkResult = OpenLink(options, &link, &error);
     if (linkResult != hostsim::kExitOk) return Fail(linkResult, error);
+    if (!StartCapture(options, &link, &error))
+        return Fail(hostsim::kExitUsage, error + "\nTry 'hostsim --help'.");
     if (!InstallSignals(&error)) return Fail(hostsim::kExitPort, error);
 
     Host host(plugin.api(), options);

@@ -166,6 +166,11 @@ Taken TakeLinkOption(OptionReader& in, Options& o) {
             return Result(in.fail("option --port needs a device path"));
         return Taken::kYes;
     }
+    if (in.name() == "--capture") {
+        if (!in.next(&o.capturePath) || o.capturePath.empty())
+            return Result(in.fail("option --capture needs a file name"));
+        return Taken::kYes;
+    }
     if (in.name() != "--baud") return Taken::kNotMine;
     long n = 0;
     if (!in.intValue(1, INT_MAX, &n)) return Taken::kRefused;
@@ -301,6 +306,8 @@ Plug-in and link:
   --baud N               line rate (default 19200); on the built-in simulator's
                          pseudo-terminal both sides pace their bytes at it
   --timeout-ms N         reply timeout (default 500)
+  --capture FILE         write what crosses the line, both ways, to FILE as a
+                         pcapng capture for Wireshark (one packet per frame)
 
 Settings record (ComInfo):
   --max-count N          largest element count of one request (default 32)

@@ -24,6 +24,8 @@ struct Options {
     std::string port;
     int baud = 19200;
     int timeoutMs = 500;
+    // Both directions of the line are written here as a pcapng capture.
+    std::string capturePath;
 
     // The settings record.
     int maxCount = 32;

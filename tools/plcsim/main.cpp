@@ -2,6 +2,7 @@
 // real serial device, for running the driver without a controller.
 #include "options.h"
 
+#include "peer/capture.h"
 #include "peer/controller.h"
 #include "peer/line.h"
 #include "peer/server.h"
@@ -78,6 +79,32 @@ void PrintCounters(const peer::Controller& controller, const peer::Server& serve
               << ", gap resets " << s.gapResets << "\n";
 }
 
+// With --capture, the server's traffic goes into the capture; false with a
+// reason when the file cannot be written.
+bool StartCapture(const plcsim::Options& options, const peer::SerialLine& line,
+                  peer::Server& server, peer::LineCapture& capture, std::string* error) {
+    if (options.capturePath.empty()) return true;
+    if (!capture.open(options.capturePath, "plcsim " + line.peerPath(), options.baud, error))
+        return false;
+    capture.setRemote(options.controller.mode == peer::LinkMode::kRemote);
+    server.setObserver(
+        [&capture](peer::Traffic traffic, const uint8_t* bytes, std::size_t n, int64_t nowNs) {
+            capture.recordControllerTraffic(traffic, bytes, n, nowNs);
+        });
+    return true;
+}
+
+void FinishCapture(const plcsim::Options& options, peer::LineCapture& capture) {
+    if (!capture.isOpen()) return;
+    capture.close();
+    const std::string error = capture.error();
+    if (!error.empty())
+        std::cerr << "plcsim: " << error << "\n";
+    else if (!options.quiet)
+        std::cerr << "plcsim: " << capture.packets() << " packets captured in "
+                  << options.capturePath << "\n";
+}
+
 // Serves the line until a signal, the duration or a line error.
 int Serve(const plcsim::Options& options, peer::TagMemory& memory, peer::SerialLine& line) {
     peer::ServerOptions serverOptions = options.server;
@@ -86,6 +113,9 @@ int Serve(const plcsim::Options& options, peer::TagMemory& memory, peer::SerialL
     peer::Controller controller(memory, options.controller);
     SetUpController(options, &controller);
     peer::Server server(controller, memory, line, serverOptions);
+    peer::LineCapture capture;
+    std::string error;
+    if (!StartCapture(options, line, server, capture, &error)) return FailUsage(error);
     gServer = &server;
     StopOnSignals();
 
@@ -95,6 +125,7 @@ int Serve(const plcsim::Options& options, peer::TagMemory& memory, peer::SerialL
     gServer = nullptr;
 
     if (!options.quiet) PrintCounters(controller, server);
+    FinishCapture(options, capture);
     if (result != 0) return FailLine(server.error());
     return plcsim::kExitOk;
 }

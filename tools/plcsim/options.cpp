@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include "peer/line.h"
+#include "peer/numbers.h"
 
 #include <cstdlib>
 
@@ -48,11 +49,11 @@ const char kUsage[] =
     "\n"
     "Run:\n"
     "  --duration SECONDS     stop after this long (default: until SIGINT/SIGTERM)\n"
+    "  --capture FILE         write what crosses the line, both ways, to FILE as a\n"
+    "                         pcapng capture for Wireshark (one packet per frame)\n"
     "  --quiet                no status lines on stderr\n"
     "  --help                 this text\n";
 
-// Numbers are plain decimal digits, at most ten of them: no sign, no blanks.
-constexpr std::size_t kMaxDigits = 10;
 constexpr unsigned long kMaxU32 = 0xFFFFFFFFul;
 constexpr unsigned long kMaxBaud = 4000000;
 constexpr unsigned long kMinReplyData = 16;
@@ -61,24 +62,9 @@ constexpr unsigned long kMaxTransaction = 255;
 // Longer than any test or session runs, and still whole milliseconds in 32 bits.
 constexpr double kMaxSeconds = 4000000.0;
 
-bool ParseUnsigned(const std::string& text, unsigned long max, unsigned long* value) {
-    if (text.empty() || text.size() > kMaxDigits) return false;
-    // Summed in 64 bits: every text of kMaxDigits digits fits, so nothing
-    // wraps before the maximum is checked, whatever the width of long (32
-    // bits on the ARM panels).
-    uint64_t v = 0;
-    for (char c : text) {
-        if (c < '0' || c > '9') return false;
-        v = v * 10 + static_cast<uint64_t>(c - '0');
-    }
-    if (v > max) return false;
-    *value = static_cast<unsigned long>(v);
-    return true;
-}
-
 bool ParseU32(const std::string& text, uint32_t* value) {
     unsigned long v = 0;
-    if (!ParseUnsigned(text, kMaxU32, &v)) return false;
+    if (!peer::ParseDecimal(text, kMaxU32, &v)) return false;
     *value = static_cast<uint32_t>(v);
     return true;
 }
@@ -117,7 +103,7 @@ public:
     }
     bool number(unsigned long max, unsigned long* out) {
         std::string text;
-        return value(&text) && ParseUnsigned(text, max, out);
+        return value(&text) && peer::ParseDecimal(text, max, out);
     }
     bool u32(uint32_t* out) {
         std::string text;
@@ -219,6 +205,8 @@ bool ApplyValueOption(const std::string& name, ArgCursor* cursor, Options* o, st
         ok = cursor->value(&o->device) && !o->device.empty();
     } else if (name == "--link") {
         ok = cursor->value(&o->linkPath) && !o->linkPath.empty();
+    } else if (name == "--capture") {
+        ok = cursor->value(&o->capturePath) && !o->capturePath.empty();
     } else if (name == "--remote-tns") {
         unsigned long v = 0;
         ok = cursor->number(kMaxTransaction, &v);

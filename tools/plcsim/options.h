@@ -38,6 +38,9 @@ struct Options {
     uint32_t silenceAtMs = 0;
     uint32_t silenceForMs = 0;
 
+    // Both directions of the line are written here as a pcapng capture.
+    std::string capturePath;
+
     bool quiet = false;
     // --help was given: everything after it is left unread.
     bool help = false;

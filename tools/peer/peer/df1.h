@@ -21,6 +21,7 @@ namespace df1 {
 enum ControlByte : uint8_t {
     kStx = 0x02,
     kEtx = 0x03,
+    kEnq = 0x05,
     kAck = 0x06,
     kDle = 0x10,
     kNak = 0x15,

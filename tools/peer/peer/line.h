@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -82,6 +83,14 @@ std::size_t PacedBytesAllowed(int64_t elapsedNs, int baud, std::size_t total);
 // 0 with baud 0.
 int64_t PacedStartNs(std::size_t index, int baud);
 
+// Bytes at one end of a line: written to it, or read from it.
+enum class Traffic { kSent, kReceived };
+// Sees every byte an end of a line writes or reads, chunk by chunk, with the
+// monotonic time (MonotonicNs) of the write or the read. Called on the
+// thread that does the writing or reading.
+using TrafficObserver =
+    std::function<void(Traffic traffic, const uint8_t* bytes, std::size_t n, int64_t nowNs)>;
+
 // What one exchange on the host's end of a line came to.
 enum class LineOutcome {
     kReply,    // a complete reply arrived
@@ -112,6 +121,9 @@ public:
     // paces itself; its requests are drained before the reply timeout starts).
     void setPaceBaud(int baud) { paceBaud_ = baud; }
     const std::string& path() const { return path_; }
+    // Sees every byte sent and received (a capture). With an observer, the
+    // stale input an exchange drops is read first, so it is seen too.
+    void setObserver(TrafficObserver observer) { observer_ = std::move(observer); }
 
     // Drops stale input (a reply that came too late for the previous
     // request), writes the request and collects the reply until it is
@@ -126,9 +138,15 @@ public:
 
 private:
     LineOutcome send(const uint8_t* request, std::size_t n, int wakeFd);
+    // Drops input that came too late for the previous request.
+    void dropStaleInput();
+    void observe(Traffic traffic, const uint8_t* bytes, std::size_t n, int64_t nowNs) const {
+        if (observer_) observer_(traffic, bytes, n, nowNs);
+    }
 
     int fd_ = -1;
     int paceBaud_ = 0;
+    TrafficObserver observer_;
     std::string path_;
     std::string error_;
 };

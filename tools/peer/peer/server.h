@@ -69,6 +69,11 @@ public:
     // handler.
     void requestStop() noexcept;
 
+    // Sees every chunk of requests read and of replies written, with the
+    // time of the read or the write (a capture). Set it before start() or
+    // run(); it is called on the serving thread.
+    void setObserver(TrafficObserver observer) { observer_ = std::move(observer); }
+
     bool running() const { return running_.load(); }
     ServerCounters counters() const;
     std::string error() const;
@@ -102,6 +107,7 @@ private:
     TagMemory& memory_;
     SerialLine& line_;
     const ServerOptions options_;
+    TrafficObserver observer_;
     int stopFd_ = -1;
     std::thread thread_;
     std::atomic<bool> running_{false};

@@ -268,8 +268,10 @@ LineOutcome HostPort::send(const uint8_t* request, std::size_t n, int wakeFd) {
     while (written < n) {
         const std::size_t due = PacedBytesAllowed(MonotonicNs() - start, paceBaud_, n);
         if (due > written) {
+            const int64_t handedNs = MonotonicNs();
             const ssize_t w = ::write(fd_, request + written, due - written);
             if (w > 0) {
+                observe(Traffic::kSent, request + written, static_cast<std::size_t>(w), handedNs);
                 written += static_cast<std::size_t>(w);
                 continue;
             }
@@ -290,6 +292,19 @@ LineOutcome HostPort::send(const uint8_t* request, std::size_t n, int wakeFd) {
     return LineOutcome::kReply;
 }
 
+void HostPort::dropStaleInput() {
+    // A reply that came too late for the previous request must not be taken
+    // for the answer to this one. An observer is shown those bytes: they
+    // crossed the line all the same.
+    if (observer_) {
+        uint8_t buffer[512];
+        ssize_t r;
+        while ((r = ::read(fd_, buffer, sizeof buffer)) > 0)
+            observe(Traffic::kReceived, buffer, static_cast<std::size_t>(r), MonotonicNs());
+    }
+    tcflush(fd_, TCIFLUSH);
+}
+
 LineOutcome HostPort::exchange(const uint8_t* request, std::size_t n, int timeoutMs, int wakeFd,
                                std::vector<uint8_t>* reply) {
     reply->clear();
@@ -297,9 +312,7 @@ LineOutcome HostPort::exchange(const uint8_t* request, std::size_t n, int timeou
         error_ = "port not open";
         return LineOutcome::kError;
     }
-    // A reply that came too late for the previous request must not be taken
-    // for the answer to this one.
-    tcflush(fd_, TCIFLUSH);
+    dropStaleInput();
     const LineOutcome sent = send(request, n, wakeFd);
     if (sent != LineOutcome::kReply) return sent;
     return collect(timeoutMs, wakeFd, reply);
@@ -339,6 +352,7 @@ LineOutcome HostPort::collect(int timeoutMs, int wakeFd, std::vector<uint8_t>* r
             error_ = "read from " + path_ + " failed: " + std::strerror(errno);
             return LineOutcome::kError;
         }
+        if (r > 0) observe(Traffic::kReceived, buffer, static_cast<std::size_t>(r), MonotonicNs());
         if (r == 0) {
             // A hung-up line reads as end of file; wait out the timeout
             // without spinning.

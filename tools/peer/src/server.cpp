@@ -172,6 +172,9 @@ bool Server::sendDue(Session& session, int64_t nowNs) {
                 session.waitWritable = true;
                 return true;
             }
+            if (observer_)
+                observer_(Traffic::kSent, head.bytes.data() + head.sent,
+                          static_cast<std::size_t>(n), nowNs);
             head.sent += static_cast<std::size_t>(n);
             std::lock_guard<std::mutex> lock(mutex_);
             counters_.bytesSent += static_cast<uint64_t>(n);
@@ -242,6 +245,7 @@ bool Server::takeInput(Session& session, short lineEvents, int64_t nowNs) {
         return false;
     }
     if (n <= 0) return true;
+    if (observer_) observer_(Traffic::kReceived, buffer, static_cast<std::size_t>(n), nowNs);
     session.lastRxNs = nowNs;
     {
         std::lock_guard<std::mutex> lock(mutex_);
