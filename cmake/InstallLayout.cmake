@@ -5,7 +5,7 @@
 #   development  <includedir>/ab_controllogix_compactlogix.h,
 #                <libdir>/cmake/AB_ControlLogix_CompactLogix/ (find_package),
 #                <libdir>/pkgconfig/ab-controllogix-compactlogix.pc
-#   tools        <bindir>/hostsim, <bindir>/plcsim, their man pages
+#   tools        <bindir>/hostsim, <bindir>/plcsim, <bindir>/df1tap, their man pages
 #   every one    the documentation in <docdir>
 #
 # Every installed path is relative to the prefix, so the tree can be moved or
@@ -17,6 +17,9 @@ set(ABCL_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/${PROJECT_NAME})
 if(TARGET hostsim AND TARGET plcsim_program)
   install(TARGETS hostsim plcsim_program RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
           COMPONENT tools)
+endif()
+if(TARGET df1tap)
+  install(TARGETS df1tap RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 endif()
 
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR}
@@ -49,15 +52,18 @@ install(FILES ${PROJECT_BINARY_DIR}/ab-controllogix-compactlogix.pc
 # Man pages of the tools, made from their --help by help2man when the
 # programs run on this machine; a cross build takes the pages of a native
 # build instead (ABCL_MAN_PAGES_DIR, as scripts/package.sh does).
-set(ABCL_MAN_PAGES_DIR "" CACHE PATH "Ready-made hostsim.1.gz and plcsim.1.gz (for cross builds)")
+set(ABCL_MAN_PAGES_DIR "" CACHE PATH "Ready-made hostsim.1.gz, plcsim.1.gz and df1tap.1.gz (for cross builds)")
 find_program(ABCL_HELP2MAN help2man)
 set(_abcl_man_pages)
 if(ABCL_MAN_PAGES_DIR)
-  set(_abcl_man_pages ${ABCL_MAN_PAGES_DIR}/hostsim.1.gz ${ABCL_MAN_PAGES_DIR}/plcsim.1.gz)
-elseif(ABCL_HELP2MAN AND NOT CMAKE_CROSSCOMPILING AND TARGET hostsim AND TARGET plcsim_program)
+  set(_abcl_man_pages ${ABCL_MAN_PAGES_DIR}/hostsim.1.gz ${ABCL_MAN_PAGES_DIR}/plcsim.1.gz
+                       ${ABCL_MAN_PAGES_DIR}/df1tap.1.gz)
+elseif(ABCL_HELP2MAN AND NOT CMAKE_CROSSCOMPILING AND TARGET hostsim AND TARGET plcsim_program
+       AND TARGET df1tap)
   set(_abcl_hostsim_name "host simulator for the ControlLogix/CompactLogix plug-in")
   set(_abcl_plcsim_name "controller simulator for the ControlLogix/CompactLogix plug-in")
-  foreach(tool hostsim plcsim)
+  set(_abcl_df1tap_name "serial tap between an HMI panel and a ControlLogix/CompactLogix controller")
+  foreach(tool hostsim plcsim df1tap)
     set(target ${tool})
     if(tool STREQUAL "plcsim")
       set(target plcsim_program)

@@ -3,7 +3,7 @@
 #
 #   ab-controllogix-compactlogix        runtime: the plug-in
 #   ab-controllogix-compactlogix-dev    development: header, CMake and pkg-config files
-#   ab-controllogix-compactlogix-tools  tools: hostsim, plcsim and their man pages
+#   ab-controllogix-compactlogix-tools  tools: hostsim, plcsim, df1tap and their man pages
 #
 # For the build machine's architecture dpkg-shlibdeps works out the
 # dependencies. A cross build cannot ask dpkg about the target's libraries, so
@@ -70,7 +70,8 @@ set(CPACK_COMPONENT_TOOLS_DESCRIPTION
     "ControlLogix/CompactLogix DF1 plug-in - simulators\n"
     "hostsim loads the plug-in as an HMI runtime does and shows the controller's\n"
     "data; plcsim answers DF1/CIP requests as a controller's serial port would,\n"
-    "on a pseudo-terminal or a serial device.")
+    "on a pseudo-terminal or a serial device; df1tap forwards a panel's serial\n"
+    "line to a controller unchanged and captures what crosses it for Wireshark.")
 
 # Every package carries its own copyright file and changelog, as Debian asks.
 foreach(component runtime development tools)
