@@ -70,6 +70,7 @@ packages=(
     crossbuild-essential-armhf qemu-user
     debian-archive-keyring clang
     dpkg-dev fakeroot lintian help2man
+    tshark
 )
 
 source "$repo_root/scripts/packages.sh"
