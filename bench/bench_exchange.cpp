@@ -50,7 +50,7 @@ void BM_Exchange_CyclicRead(benchmark::State& state) {
     if (learnt != 1 || stored != 1 || length != 49 || requestLength != 45 ||
         image.left(20) != reply.mid(26, 20))
         state.SkipWithError("the exchange did not end good with the data stored");
-    bench::SetExchangeCounters(state, 2, requestLength + length + bench::kAckBytesPerExchange);
+    bench::SetExchangeCounters(state, 2, requestLength + length);
 }
 BENCHMARK(BM_Exchange_CyclicRead);
 
@@ -77,7 +77,7 @@ void BM_Exchange_Write(benchmark::State& state) {
     // 65-byte request (ten values) and 27-byte acknowledgement.
     if (result != 1 || length != 27 || requestLength != 65 || !PLC_driver.writeList.isEmpty())
         state.SkipWithError("the write did not end good");
-    bench::SetExchangeCounters(state, 1, requestLength + length + bench::kAckBytesPerExchange);
+    bench::SetExchangeCounters(state, 1, requestLength + length);
 }
 BENCHMARK(BM_Exchange_Write);
 

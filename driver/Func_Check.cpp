@@ -5,9 +5,14 @@
 #include "ab_controllogix_compactlogix_p.h"
 #include "protocol_constants.h"
 
+#include <algorithm>
+#include <cstring>
+
 namespace {
 
 constexpr int kShortestReply = 9;  // lead-in, a byte of body, DLE ETX, BCC
+// CalLRC's length is a 16-bit count.
+constexpr int kLongestSummedBody = 0xFFFF;
 
 uint8_t ByteAt(const QByteArray& bytes, int position) {
     return static_cast<uint8_t>(bytes.at(position));
@@ -25,24 +30,111 @@ bool HasReplyEnvelope(const QByteArray& reply, int len) {
 
 }  // namespace
 
+namespace {
+
+// Sum of the bytes in [from, to).
+uint32_t SumOf(const uint8_t* from, const uint8_t* to) {
+    uint32_t sum = 0;
+    for (; from < to; ++from) sum += *from;
+    return sum;
+}
+
+// Sum and number of the kept bytes of [first, last]. Plain stretches are
+// summed as they are; a run of k DLEs keeps (k + 1) / 2 of them, since its
+// DLEs pair up from the front.
+struct KeptBytes {
+    uint32_t sum;
+    int count;
+};
+KeptBytes SumKept(const uint8_t* bytes, int first, int last) {
+    const uint8_t* p = bytes + first;
+    const uint8_t* end = bytes + last + 1;
+    KeptBytes kept{0, 0};
+    int dropped = 0;
+    while (p < end) {
+        const void* found = std::memchr(p, df1::kDle, static_cast<size_t>(end - p));
+        const uint8_t* dle = found ? static_cast<const uint8_t*>(found) : end;
+        kept.sum += SumOf(p, dle);
+        const uint8_t* runEnd = dle;
+        while (runEnd < end && *runEnd == df1::kDle) ++runEnd;
+        const int run = static_cast<int>(runEnd - dle);
+        kept.sum += static_cast<uint32_t>((run + 1) / 2) * df1::kDle;
+        dropped += run / 2;
+        p = runEnd;
+    }
+    kept.count = (last - first + 1) - dropped;
+    return kept;
+}
+
+// Sum of the first n kept bytes of [first, last].
+uint32_t SumOfFirstKept(const uint8_t* bytes, int first, int last, int n) {
+    uint32_t sum = 0;
+    bool previousWasKeptDle = false;
+    for (int i = first; i <= last && n > 0; ++i) {
+        const uint8_t b = bytes[i];
+        if (b == df1::kDle && previousWasKeptDle) {
+            previousWasKeptDle = false;  // the second DLE of a pair
+            continue;
+        }
+        previousWasKeptDle = b == df1::kDle;
+        sum += b;
+        --n;
+    }
+    return sum;
+}
+
+// Sum of the last n kept bytes of [first, last], found from the back: each
+// run of DLEs met there is taken whole, so its pairing is known.
+uint32_t SumOfLastKept(const uint8_t* bytes, int first, int last, int n) {
+    uint32_t sum = 0;
+    int i = last;
+    while (n > 0 && i >= first) {
+        if (bytes[i] != df1::kDle) {
+            sum += bytes[i--];
+            --n;
+            continue;
+        }
+        int runStart = i;
+        while (runStart > first && bytes[runStart - 1] == df1::kDle) --runStart;
+        const int keptDles = std::min((i - runStart + 2) / 2, n);
+        sum += static_cast<uint32_t>(keptDles) * df1::kDle;
+        n -= keptDles;
+        i = runStart - 1;
+    }
+    return sum;
+}
+
+}  // namespace
+
+uint8_t UnstuffedBlockCheck(const uint8_t* bytes, int first, int last, int skip, int drop) {
+    if (last < first) return 0;
+    const KeptBytes kept = SumKept(bytes, first, last);
+    const int summed = kept.count - skip - drop;
+    if (summed <= 0) return 0;
+    uint32_t sum = 0;
+    if (summed <= kLongestSummedBody) {
+        sum = kept.sum - SumOfFirstKept(bytes, first, last, skip) -
+              SumOfLastKept(bytes, first, last, drop);
+    } else {
+        // CalLRC counts its length in 16 bits: of a longer body only the
+        // bytes within that count are summed.
+        const int end = skip + (summed & kLongestSummedBody);
+        ForEachUnstuffed(bytes, first, last, [&](int index, uint8_t b) {
+            if (index >= skip && index < end) sum += b;
+        });
+    }
+    // Two's complement of the byte sum.
+    return static_cast<uint8_t>(0u - sum);
+}
+
 QByteArray UnstuffReplyBody(const QByteArray& reply, int first, int last) {
     QByteArray body;
     if (first < 0) first = 0;
     if (last >= reply.size()) last = reply.size() - 1;
-    body.reserve(last >= first ? last - first + 1 : 0);
-    bool previousWasKeptDle = false;
-    for (int i = first; i <= last; ++i) {
-        const uint8_t b = ByteAt(reply, i);
-        if (b != df1::kDle) {
-            body.append(static_cast<char>(b));
-            previousWasKeptDle = false;
-        } else if (!previousWasKeptDle) {
-            body.append(static_cast<char>(b));
-            previousWasKeptDle = true;
-        } else {
-            previousWasKeptDle = false;  // the second DLE of a pair
-        }
-    }
+    if (last < first) return body;
+    body.reserve(last - first + 1);
+    ForEachUnstuffed(reinterpret_cast<const uint8_t*>(reply.constData()), first, last,
+                     [&body](int, uint8_t b) { body.append(static_cast<char>(b)); });
     return body;
 }
 
@@ -56,11 +148,10 @@ int CheckGetData(const QByteArray& reply, int len) {
     if (!HasReplyEnvelope(reply, len)) return 0;
 
     // From DST up to the byte before DLE ETX.
-    const QByteArray body =
-        UnstuffReplyBody(reply, frame_offset::kDst, len - frame_offset::kEtxDleFromEnd - 1);
-    const int bcc = CalLRC(reinterpret_cast<const unsigned char*>(body.constData()),
-                           static_cast<unsigned short>(body.size()));
-    if ((bcc & 0xFF) != ByteAt(reply, len - frame_offset::kBccFromEnd)) return 0;
+    const uint8_t bcc =
+        UnstuffedBlockCheck(reinterpret_cast<const uint8_t*>(reply.constData()), frame_offset::kDst,
+                            len - frame_offset::kEtxDleFromEnd - 1, 0, 0);
+    if (bcc != ByteAt(reply, len - frame_offset::kBccFromEnd)) return 0;
 
     if (PLC_driver.protocolList.isEmpty()) return 0;
     switch (PLC_driver.protocolList.first().var.aux2) {

@@ -26,4 +26,29 @@ int ASCIIToDigital(int character);
 // a lone DLE is kept.
 QByteArray UnstuffReplyBody(const QByteArray& reply, int first, int last);
 
+// Calls visit(index, byte) for every byte of positions [first, last] with DLE
+// doubling undone (of two DLEs in a row the second is dropped, pairing from
+// `first` on), index counting the kept bytes. Returns how many are kept.
+template <typename Visit>
+int ForEachUnstuffed(const uint8_t* bytes, int first, int last, Visit visit) {
+    constexpr uint8_t kDle = 0x10;
+    int kept = 0;
+    bool previousWasKeptDle = false;
+    for (int i = first; i <= last; ++i) {
+        const uint8_t b = bytes[i];
+        if (b == kDle && previousWasKeptDle) {
+            previousWasKeptDle = false;  // the second DLE of a pair
+            continue;
+        }
+        previousWasKeptDle = b == kDle;
+        visit(kept++, b);
+    }
+    return kept;
+}
+
+// The low byte of CalLRC over positions [first, last] with DLE doubling
+// undone, leaving out the first `skip` and the last `drop` (0 to 2) of the
+// kept bytes; 0 when nothing is left. Taken in place, without a copy.
+uint8_t UnstuffedBlockCheck(const uint8_t* bytes, int first, int last, int skip, int drop);
+
 #endif

@@ -10,13 +10,17 @@
 #include "ab_controllogix_compactlogix_p.h"
 #include "protocol_constants.h"
 
+#include <algorithm>
+#include <cstring>
+
 namespace {
 
 // Reads data byte k at reply position dataPos + k + s, where s counts the
 // doubled DLEs stepped over so far.
 class StuffedDataReader {
 public:
-    explicit StuffedDataReader(const QByteArray& reply) : reply_(reply) {}
+    explicit StuffedDataReader(const QByteArray& reply)
+        : reply_(reply), bytes_(reinterpret_cast<const uint8_t*>(reply.constData())) {}
 
     // True when data bytes [k, k + n) would all lie inside the reply if no
     // further DLE were doubled.
@@ -25,47 +29,82 @@ public:
     bool read(int64_t k, uint8_t* byte) {
         const int64_t at = k + skipped_;
         if (at < 0 || at >= reply_.size()) return false;
-        *byte = static_cast<uint8_t>(reply_.at(static_cast<int>(at)));
+        *byte = bytes_[at];
         if (*byte == df1::kDle) ++skipped_;
         return true;
     }
 
+    // The n data bytes from k on when they lie inside the reply and none of
+    // them is a DLE, so that they read as they stand; null otherwise.
+    const uint8_t* plain(int64_t k, int n) const {
+        const int64_t at = k + skipped_;
+        if (at < 0 || at + n > reply_.size()) return nullptr;
+        for (int j = 0; j < n; ++j)
+            if (bytes_[at + j] == df1::kDle) return nullptr;
+        return bytes_ + at;
+    }
+
 private:
     const QByteArray& reply_;
+    const uint8_t* bytes_;
     int64_t skipped_ = 0;
 };
 
-// Stores dataBytes / elementBytes elements of `elementBytes` bytes each; of each
-// element the `keptBytes` bytes from `firstKept` on form the value, least
-// significant first.
-template <typename T>
-void SaveElements(const QByteArray& reply, T* area, int elementBytes, int firstKept,
-                  int keptBytes) {
+// Element layout of an area's replies: elements of kElementBytes bytes, of
+// which the kKeptBytes from kFirstKept on form the value, least significant
+// first.
+template <typename T, int kElementBytes, int kFirstKept, int kKeptBytes>
+struct ElementLayout {
+    using Value = T;
+    static constexpr int kBytes = kElementBytes;
+    static T value(const uint8_t* element) {
+        uint64_t value = 0;
+        for (int j = 0; j < kKeptBytes; ++j)
+            value |= static_cast<uint64_t>(element[kFirstKept + j]) << (8 * j);
+        return static_cast<T>(value);
+    }
+    static bool kept(int j) { return j >= kFirstKept && j < kFirstKept + kKeptBytes; }
+    static int shift(int j) { return 8 * (j - kFirstKept); }
+};
+
+// Stores dataBytes / kBytes elements of the layout's shape.
+template <typename Layout>
+void SaveElements(const QByteArray& reply, typename Layout::Value* area) {
     const AB_ControlLogix_CompactLogix& d = PLC_driver;
     if (!area || d.protocolList.isEmpty()) return;
     const Protocol& p = d.protocolList.first();
-    if (p.dataBytes < elementBytes) return;
-    const int64_t count = p.dataBytes / elementBytes;
+    if (p.dataBytes < Layout::kBytes) return;
+    const int64_t count = p.dataBytes / Layout::kBytes;
 
     StuffedDataReader reader(reply);
     for (int64_t i = 0; i < count; ++i) {
-        const int64_t e = p.dataPos + static_cast<int64_t>(elementBytes) * i;
+        const int64_t e = p.dataPos + static_cast<int64_t>(Layout::kBytes) * i;
         // Positions only grow, so once an element runs past the reply every
         // later one does too: the rest of the area stays as it was.
-        if (!reader.covers(e, elementBytes)) return;
+        if (!reader.covers(e, Layout::kBytes)) return;
+        const int64_t index = static_cast<int64_t>(p.var.address) + i;
+        const bool inArea = index >= 0 && index < kAreaElements;
+        if (const uint8_t* plain = reader.plain(e, Layout::kBytes)) {
+            if (inArea) area[index] = Layout::value(plain);
+            continue;
+        }
         uint64_t value = 0;
-        for (int j = 0; j < elementBytes; ++j) {
+        for (int j = 0; j < Layout::kBytes; ++j) {
             uint8_t byte = 0;
             if (!reader.read(e + j, &byte)) return;  // doubled DLEs pushed it past the end
-            if (j >= firstKept && j < firstKept + keptBytes)
-                value |= static_cast<uint64_t>(byte) << (8 * (j - firstKept));
+            if (Layout::kept(j)) value |= static_cast<uint64_t>(byte) << Layout::shift(j);
         }
-        const int64_t index = static_cast<int64_t>(p.var.address) + i;
-        if (index >= 0 && index < kAreaElements) area[index] = static_cast<T>(value);
+        if (inArea) area[index] = static_cast<typename Layout::Value>(value);
     }
 }
 
-constexpr int kTimerCounterElementBytes = 6;  // three 16-bit words per element
+// Words and 32-bit values are whole elements.
+using WordLayout = ElementLayout<uint16_t, 2, 0, 2>;
+using LongLayout = ElementLayout<uint32_t, 4, 0, 4>;
+// Timer and counter structures: three 16-bit words per element; the preset
+// is the second word, the accumulated value the third.
+using PresetLayout = ElementLayout<uint16_t, 6, 2, 2>;
+using AccumulatedLayout = ElementLayout<uint16_t, 6, 4, 2>;
 
 }  // namespace
 
@@ -86,19 +125,19 @@ void SaveToLocalDataErea(const QByteArray& reply) {
 }
 
 void SaveWordToUS(const QByteArray& reply, uint16_t* area) {
-    SaveElements(reply, area, 2, 0, 2);
+    SaveElements<WordLayout>(reply, area);
 }
 
 void SaveWordToUI(const QByteArray& reply, uint32_t* area) {
-    SaveElements(reply, area, 4, 0, 4);
+    SaveElements<LongLayout>(reply, area);
 }
 
 // Timer and counter structures: the preset is the second word of each element.
 void SaveT_C_PRE(const QByteArray& reply, uint16_t* area) {
-    SaveElements(reply, area, kTimerCounterElementBytes, 2, 2);
+    SaveElements<PresetLayout>(reply, area);
 }
 
 // The accumulated value is the third word of each element.
 void SaveT_C_ACC(const QByteArray& reply, uint16_t* area) {
-    SaveElements(reply, area, kTimerCounterElementBytes, 4, 2);
+    SaveElements<AccumulatedLayout>(reply, area);
 }

@@ -26,12 +26,16 @@ Span InsideArea(int64_t index, int64_t n, int64_t size) {
     return {std::max<int64_t>(0, -index), std::min<int64_t>(n, size - index)};
 }
 
-// Grows `out` so that it holds `bytes` bytes; new bytes read 0.
-void GrowTo(QByteArray* out, int64_t bytes) {
+// Grows `out` so that it holds `bytes` bytes (new bytes read 0) and returns
+// its bytes for writing: the host's array is written in place, detached from
+// any copy it shares its bytes with.
+char* GrowTo(QByteArray* out, int64_t bytes) {
     const int old = out->size();
-    if (bytes <= old) return;
-    out->resize(static_cast<int>(bytes));
-    std::memset(out->data() + old, 0, static_cast<size_t>(bytes - old));
+    if (bytes > old) {
+        out->resize(static_cast<int>(bytes));
+        std::memset(out->data() + old, 0, static_cast<size_t>(bytes - old));
+    }
+    return out->data();
 }
 
 uint8_t InByte(const QByteArray& in, int64_t i) {
@@ -64,21 +68,21 @@ int ExtendFindSameVar(int a, int b, int c) {
 void GetBitFromUS(QByteArray* out, const uint16_t* area, int index, int n) {
     const Span span = InsideArea(index, n, kAreaBits);
     if (!out || !area || span.empty()) return;
-    GrowTo(out, span.last);
+    char* bytes = GrowTo(out, span.last);
     for (int64_t i = span.first; i < span.last; ++i) {
         const int64_t bit = index + i;
-        (*out)[static_cast<int>(i)] = static_cast<char>((area[bit >> 4] >> (bit & 15)) & 1);
+        bytes[i] = static_cast<char>((area[bit >> 4] >> (bit & 15)) & 1);
     }
 }
 
 void GetWordFromUS(QByteArray* out, const uint16_t* area, int index, int n) {
     const Span span = InsideArea(index, n, kAreaElements);
     if (!out || !area || span.empty()) return;
-    GrowTo(out, 2 * span.last);
+    char* bytes = GrowTo(out, 2 * span.last);
     for (int64_t i = span.first; i < span.last; ++i) {
         const uint16_t word = area[index + i];
-        (*out)[static_cast<int>(2 * i)] = static_cast<char>(word & 0xFF);
-        (*out)[static_cast<int>(2 * i + 1)] = static_cast<char>(word >> 8);
+        bytes[2 * i] = static_cast<char>(word & 0xFF);
+        bytes[2 * i + 1] = static_cast<char>(word >> 8);
     }
 }
 
@@ -87,11 +91,10 @@ void GetWordFromUI(QByteArray* out, const uint32_t* area, int index, int n) {
     if (n < 2) return;
     const Span span = InsideArea(index, n / 2, kAreaElements);
     if (!out || !area || span.empty()) return;
-    GrowTo(out, 4 * span.last);
+    char* bytes = GrowTo(out, 4 * span.last);
     for (int64_t k = span.first; k < span.last; ++k) {
         const uint32_t value = area[index + k];
-        for (int b = 0; b < 4; ++b)
-            (*out)[static_cast<int>(4 * k + b)] = static_cast<char>((value >> (8 * b)) & 0xFF);
+        for (int b = 0; b < 4; ++b) bytes[4 * k + b] = static_cast<char>((value >> (8 * b)) & 0xFF);
     }
 }
 
@@ -152,18 +155,16 @@ int GetRegisterData(int /*unused1*/, int dataType, QString addr, int /*unused2*/
     AB_ControlLogix_CompactLogix& d = PLC_driver;
     DriverLock lock(&d.imageMutex);
     if (!out) return 1;
-    QByteArray values = *out;
     if (settings().multiStation == 0) {
         switch (dataType) {
-            case ABCL_BIT_A: GetBitFromUS(&values, d.areaA, a, count); break;
-            case ABCL_BIT_B: GetBitFromUS(&values, d.areaB, a, count); break;
-            case ABCL_WORD_A: GetWordFromUS(&values, d.areaA, a, count); break;
-            case ABCL_WORD_B: GetWordFromUS(&values, d.areaB, a, count); break;
-            case ABCL_REAL: GetWordFromUI(&values, d.areaD, a, count); break;
+            case ABCL_BIT_A: GetBitFromUS(out, d.areaA, a, count); break;
+            case ABCL_BIT_B: GetBitFromUS(out, d.areaB, a, count); break;
+            case ABCL_WORD_A: GetWordFromUS(out, d.areaA, a, count); break;
+            case ABCL_WORD_B: GetWordFromUS(out, d.areaB, a, count); break;
+            case ABCL_REAL: GetWordFromUI(out, d.areaD, a, count); break;
             default: break;
         }
     }
-    *out = values;
     return 1;
 }
 
@@ -172,6 +173,8 @@ namespace {
 // `bytes` bytes of `source` from `offset` on; bytes past its end read 0.
 QByteArray SliceZeroPadded(const QByteArray& source, int64_t offset, int64_t bytes) {
     if (bytes <= 0) return QByteArray();
+    // The whole array: shared, not copied.
+    if (offset == 0 && bytes == source.size()) return source;
     QByteArray slice(static_cast<int>(bytes), '\0');
     const int64_t from = std::max<int64_t>(0, offset);
     const int64_t to = std::min<int64_t>(source.size(), offset + bytes);

@@ -8,6 +8,8 @@
 #include <QtCore/QStringList>
 
 #include <algorithm>
+#include <cstdint>
+#include <vector>
 
 namespace {
 
@@ -32,34 +34,77 @@ bool SameOnceRead(const RW_VAR& a, const RW_VAR& b) {
            a.dataType == b.dataType && a.address == b.address && a.count == b.count;
 }
 
-// Appends the sorted requests of one data type to readList, merging a request
-// into the previous one while the merged run stays within maxCount. The gap
-// between two variables is read too: on a slow line one longer request is
-// cheaper than two exchanges.
-void MergeIntoReadList(const QList<RW_VAR>& sorted, int maxCount) {
+// Calls piece(address, count) for each request a variable of `total`
+// elements is split into, at most maxCount elements each. The step is added
+// to the already advanced start, so piece k begins at
+// start + max * k * (k + 1) / 2. Hosts configured against this layout rely
+// on it; it only shows for variables longer than twice max.
+template <typename Piece>
+void ForEachPiece(int total, int max, int32_t start, Piece piece) {
+    const PieceSplit split = SplitIntoPieces(total, max);
+    int32_t address = start;
+    int64_t step = 0;
+    for (int k = 0; k < split.pieces; ++k) {
+        address = Wrap32(address + step);
+        piece(address, (k == split.pieces - 1) ? split.lastCount : max);
+        step += max;
+    }
+}
+
+// One piece of a host variable on its way into the cyclic list: its place,
+// its size and the variable it came from. Pieces are sorted by `order`: the
+// address, then the order they were made in, which is a stable sort by
+// address.
+struct ListPiece {
+    int64_t order;
+    int32_t count;
+    int32_t item;
+};
+
+int64_t PieceOrder(int32_t address, size_t made) {
+    return static_cast<int64_t>(address) * (int64_t{1} << 32) + static_cast<int64_t>(made);
+}
+
+int32_t PieceAddress(const ListPiece& piece) {
+    // The address is the order's high half, rounded towards minus infinity.
+    return static_cast<int32_t>(piece.order >> 32);
+}
+
+// Appends the sorted pieces of one data type to readList, merging a piece
+// into the previous request while the merged run stays within maxCount. The
+// gap between two variables is read too: on a slow line one longer request
+// is cheaper than two exchanges. A request is a copy of the template with the
+// fields of the variable its first piece came from.
+void MergeIntoReadList(const std::vector<ListPiece>& sorted, int maxCount, RW_VAR tmpl,
+                       const QList<ReadVarItem*>& items) {
     int64_t groupStart = 0;
     int64_t groupLength = 0;
-    for (int i = 0; i < sorted.size(); ++i) {
-        const RW_VAR& e = sorted.at(i);
+    auto startRequest = [&](const ListPiece& piece) {
+        const ReadVarItem& item = *items.at(piece.item);
+        tmpl.addrText2 = item.addrText2;
+        tmpl.addrText = item.addrText;
+        tmpl.address = PieceAddress(piece);
+        tmpl.count = piece.count;
+        AddListReadVar(&tmpl);
+        groupStart = tmpl.address;
+        groupLength = piece.count;
+    };
+    for (size_t i = 0; i < sorted.size(); ++i) {
+        const ListPiece& piece = sorted[i];
         if (i == 0) {
-            RW_VAR copy = e;
-            AddListReadVar(&copy);
-            groupStart = e.address;
-            groupLength = e.count;
+            startRequest(piece);
             continue;
         }
+        const int64_t address = PieceAddress(piece);
         const int64_t groupEnd = groupStart + groupLength;
-        const int64_t entryEnd = static_cast<int64_t>(e.address) + e.count;
-        if (groupEnd > e.address && groupEnd >= entryEnd) continue;  // already covered
-        const int64_t newLength = entryEnd - groupStart;
+        const int64_t pieceEnd = address + piece.count;
+        if (groupEnd > address && groupEnd >= pieceEnd) continue;  // already covered
+        const int64_t newLength = pieceEnd - groupStart;
         if (newLength <= maxCount) {
             PLC_driver.readList.last().count = Wrap32(newLength);
             groupLength = newLength;
         } else {
-            RW_VAR copy = e;
-            AddListReadVar(&copy);
-            groupStart = e.address;
-            groupLength = e.count;
+            startRequest(piece);
         }
     }
 }
@@ -88,7 +133,11 @@ void RegistCallBackFuncIntf(CallBackFunc callBack, int context) {
 
 // ---- addresses -----------------------------------------------------------------
 
-int StringAddressToInt(int dataType, QString text) {
+// The reference reading of an address text: split at ':' and '/', each piece
+// converted as QString::toInt reads a decimal number. Texts outside the plain
+// form that StringAddressToInt reads itself (white space, other characters)
+// come here, so every text reads exactly as it always has.
+int StringAddressToIntBySplitting(int dataType, const QString& text) {
     if (IsBitType(dataType)) {
         if (!text.contains(QLatin1Char(':'))) return -1;
         if (!text.contains(QLatin1Char('/'))) return -1;
@@ -108,6 +157,86 @@ int StringAddressToInt(int dataType, QString text) {
     return text.toInt(nullptr, 10);
 }
 
+namespace {
+
+// A stretch of an address text between separators.
+struct TextPiece {
+    const QChar* begin;
+    const QChar* end;
+};
+
+const QChar* Find(const QChar* from, const QChar* end, char c) {
+    while (from != end && from->unicode() != static_cast<ushort>(c)) ++from;
+    return from;
+}
+
+// Digits, signs and the two separators: the form screens use ("7:10/3", "-1:5").
+bool IsPlainAddressText(const QChar* p, const QChar* end) {
+    for (; p != end; ++p) {
+        const ushort c = p->unicode();
+        const bool digit = c >= '0' && c <= '9';
+        if (!digit && c != ':' && c != '/' && c != '+' && c != '-') return false;
+    }
+    return true;
+}
+
+// What QString::toInt(nullptr, 10) gives for a piece of plain text: an
+// optional sign and at least one digit, within the range of int; anything
+// else does not convert and counts as 0.
+int64_t PlainPieceValue(TextPiece piece) {
+    const QChar* p = piece.begin;
+    if (p == piece.end) return 0;
+    const bool negative = p->unicode() == '-';
+    if (negative || p->unicode() == '+') ++p;
+    if (p == piece.end) return 0;
+    constexpr int64_t kLargestMagnitude = int64_t{INT32_MAX} + 1;
+    int64_t magnitude = 0;
+    for (; p != piece.end; ++p) {
+        const ushort c = p->unicode();
+        if (c < '0' || c > '9') return 0;
+        magnitude = magnitude * 10 + (c - '0');
+        if (magnitude > kLargestMagnitude) return 0;
+    }
+    if (negative) return -magnitude;
+    return magnitude > INT32_MAX ? 0 : magnitude;
+}
+
+// The piece after the first ':' up to the next ':' (further pieces are
+// ignored), or an empty piece at the end when there is no ':'.
+TextPiece SecondPiece(const QChar* colon, const QChar* end) {
+    if (colon == end) return {end, end};
+    return {colon + 1, Find(colon + 1, end, ':')};
+}
+
+}  // namespace
+
+// Reads the text once, character by character; only texts outside the plain
+// form take the splitting reading, which allocates for every piece.
+int StringAddressToInt(int dataType, QString text) {
+    const QChar* begin = text.constData();
+    const QChar* end = begin + text.size();
+    if (!IsPlainAddressText(begin, end)) return StringAddressToIntBySplitting(dataType, text);
+
+    const QChar* colon = Find(begin, end, ':');
+    const int64_t file = PlainPieceValue({begin, colon});
+    if (IsBitType(dataType)) {
+        if (colon == end || Find(begin, end, '/') == end) return -1;
+        const TextPiece elementAndBit = SecondPiece(colon, end);
+        const QChar* slash = Find(elementAndBit.begin, elementAndBit.end, '/');
+        const int64_t element = PlainPieceValue({elementAndBit.begin, slash});
+        const int64_t bit =
+            slash == elementAndBit.end
+                ? 0
+                : PlainPieceValue({slash + 1, Find(slash + 1, elementAndBit.end, '/')});
+        return Wrap32(bit + (element + file * kElementsPerFile) * kBitsPerWord);
+    }
+    if (dataType >= ABCL_WORD_A && dataType <= ABCL_REAL) {
+        if (colon == end) return -1;
+        return Wrap32(PlainPieceValue(SecondPiece(colon, end)) + file * kElementsPerFile);
+    }
+    return static_cast<int>(PlainPieceValue({begin, end}));
+}
+
 int PLCAddressChangeIntef(int dataType, QString text) {
     return StringAddressToInt(dataType, text);
 }
@@ -125,17 +254,11 @@ PieceSplit SplitIntoPieces(int total, int maxCount) {
 
 void WhetherGroup(int total, int max, RW_VAR* var, QList<RW_VAR>* list) {
     if (!var || !list) return;
-    const PieceSplit split = SplitIntoPieces(total, max);
-    // The step is added to the already advanced start, so piece k begins at
-    // start + max * k * (k + 1) / 2. Hosts configured against this layout rely
-    // on it; it only shows for variables longer than twice max.
-    int64_t step = 0;
-    for (int k = 0; k < split.pieces; ++k) {
-        var->address = Wrap32(var->address + step);
-        var->count = (k == split.pieces - 1) ? split.lastCount : max;
+    ForEachPiece(total, max, var->address, [var, list](int32_t address, int32_t count) {
+        var->address = address;
+        var->count = count;
         list->append(*var);
-        step += max;
-    }
+    });
 }
 
 // Ascending by address; entries with equal addresses keep their order, exactly
@@ -158,7 +281,7 @@ int ReCreatReadVarList(QList<ReadVarItem*>* items) {
     if (!items || items->isEmpty()) return 0;
 
     constexpr int kTypes = ABCL_REAL + 1;
-    QList<RW_VAR> perType[kTypes];
+    std::vector<ListPiece> perType[kTypes];
     ComInfo& s = settings();
     RW_VAR tmpl;
     tmpl.varId = 0;
@@ -172,29 +295,32 @@ int ReCreatReadVarList(QList<ReadVarItem*>* items) {
     d.cycleCount = 0;
     s.cycleDone = 0;
     if (s.multiStation != 0) return 0;
+    tmpl.station = s.defaultStation;
 
-    for (const ReadVarItem* item : *items) {
-        if (!item) continue;
+    for (int i = 0; i < items->size(); ++i) {
+        const ReadVarItem* item = items->at(i);
+        if (!item || item->dataType > ABCL_REAL) continue;
         const int a = StringAddressToInt(item->dataType, item->addrText);
         if (a < 0) continue;
-        tmpl.station = s.defaultStation;
-        tmpl.addrText2 = item->addrText2;
-        tmpl.addrText = item->addrText;
-        tmpl.address = a;
-        tmpl.count = item->count;
-        tmpl.dataType = item->dataType;
-        if (item->dataType > ABCL_REAL) continue;
+        int32_t address = a;
+        int32_t count = item->count;
         if (IsBitType(item->dataType)) {
             // The cyclic list reads the whole words that hold the bits.
-            tmpl.address = a >> 4;
-            tmpl.count = Wrap32(WordsHoldingBits(a & 15, item->count));
+            address = a >> 4;
+            count = Wrap32(WordsHoldingBits(a & 15, item->count));
         }
-        WhetherGroup(tmpl.count, s.maxCount, &tmpl, &perType[item->dataType]);
+        std::vector<ListPiece>& pieces = perType[item->dataType];
+        ForEachPiece(count, s.maxCount, address, [&pieces, i](int32_t at, int32_t n) {
+            pieces.push_back({PieceOrder(at, pieces.size()), n, i});
+        });
     }
 
-    for (QList<RW_VAR>& list : perType) {
-        Bubble_Sort(&list);
-        MergeIntoReadList(list, s.maxCount);
+    for (int type = 0; type < kTypes; ++type) {
+        std::vector<ListPiece>& pieces = perType[type];
+        std::sort(pieces.begin(), pieces.end(),
+                  [](const ListPiece& x, const ListPiece& y) { return x.order < y.order; });
+        tmpl.dataType = type;
+        MergeIntoReadList(pieces, s.maxCount, tmpl, *items);
     }
     return d.readList.size();
 }

@@ -5,6 +5,9 @@
 #include "ab_controllogix_compactlogix.h"
 
 int StringAddressToInt(int dataType, QString text);
+// The same reading by splitting the text into pieces: StringAddressToInt's
+// answer for texts outside the plain form of digits, signs, ':' and '/'.
+int StringAddressToIntBySplitting(int dataType, const QString& text);
 void WhetherGroup(int total, int max, RW_VAR* var, QList<RW_VAR>* list);
 void Bubble_Sort(QList<RW_VAR>* list);
 

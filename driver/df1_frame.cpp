@@ -6,34 +6,49 @@
 #include "ab_controllogix_compactlogix_p.h"
 #include "protocol_constants.h"
 
+#include <algorithm>
+#include <array>
 #include <cstring>
 
-void FrameWriter::store(int position, uint8_t byte) {
+void FrameWriter::reserve(int bytes) {
+    if (bytes <= capacity_) return;
+    // Grows geometrically: a long write frame is written one byte at a time.
+    const int capacity = std::max(bytes, 2 * capacity_);
+    heap_.resize(static_cast<size_t>(capacity));
+    if (bytes_ == inline_) std::memcpy(heap_.data(), inline_, static_cast<size_t>(size_));
+    bytes_ = heap_.data();
+    capacity_ = capacity;
+}
+
+void FrameWriter::storeBeyondEnd(int position, uint8_t byte) {
     if (position < 0) return;  // builders refuse layouts that would need this
-    if (position >= frame_.size()) {
-        const int old = frame_.size();
-        frame_.resize(position + 1);
-        std::memset(frame_.data() + old, 0, static_cast<size_t>(position + 1 - old));
-    }
-    frame_[position] = static_cast<char>(byte);
+    reserve(position + 1);
+    // Positions skipped over read 0.
+    std::memset(bytes_ + size_, 0, static_cast<size_t>(position - size_));
+    size_ = position + 1;
+    bytes_[position] = byte;
 }
 
-void FrameWriter::put(int offset, uint8_t byte) {
-    store(offset + shift_, byte);
+uint8_t* FrameWriter::span(int position, int n) {
+    if (position < 0) return nullptr;
+    const int end = position + n;
+    if (end > size_) {
+        reserve(end);
+        std::memset(bytes_ + size_, 0, static_cast<size_t>(end - size_));
+        size_ = end;
+    }
+    return bytes_ + position;
 }
 
-// The DLE test looks at the whole value: a name character past 0xFF whose low
-// byte is DLE goes out once, undoubled.
-void FrameWriter::putStuffed(int offset, int value) {
-    store(offset + shift_, static_cast<uint8_t>(value & 0xFF));
-    if (value == df1::kDle) {
-        ++shift_;
-        store(offset + shift_, df1::kDle);
-    }
+void FrameWriter::putPlain(int offset, const uint8_t* bytes, int n) {
+    uint8_t* to = span(offset + shift_, n);
+    if (to) std::memcpy(to, bytes, static_cast<size_t>(n));
 }
 
 void FrameWriter::putZeros(int first, int end) {
-    for (int offset = first; offset < end; ++offset) put(offset, 0x00);
+    if (end <= first) return;
+    uint8_t* to = span(first + shift_, end - first);
+    if (to) std::memset(to, 0, static_cast<size_t>(end - first));
 }
 
 QByteArray FrameWriter::finish(int etxOffset) {
@@ -41,72 +56,66 @@ QByteArray FrameWriter::finish(int etxOffset) {
     if (etx < 1) return QByteArray();
     store(etx, df1::kDle);
     store(etx + 1, df1::kEtx);
-    frame_.resize(etx + 2);  // a trailer placed early cuts what lies behind it
-    frame_.append(static_cast<char>(RequestBlockCheck(frame_)));
-    return frame_;
+    size_ = etx + 2;  // a trailer placed early cuts what lies behind it
+    QByteArray frame(size_ + 1, Qt::Uninitialized);
+    std::memcpy(frame.data(), bytes_, static_cast<size_t>(size_));
+    frame.data()[size_] = static_cast<char>(RequestBlockCheck(bytes_, size_));
+    return frame;
+}
+
+uint8_t RequestBlockCheck(const uint8_t* frameThroughEtx, int size) {
+    // From DST up to the byte before DLE ETX: neither the lead-in nor the trailer.
+    constexpr int kDleEtx = frame_offset::kEtxDleFromEnd - frame_offset::kBccFromEnd;
+    return UnstuffedBlockCheck(frameThroughEtx, 0, size - 1, frame_offset::kDst, kDleEtx);
 }
 
 uint8_t RequestBlockCheck(const QByteArray& frameThroughEtx) {
-    QByteArray copy;
-    copy.reserve(frameThroughEtx.size());
-    for (int i = 0; i < frameThroughEtx.size(); ++i) {
-        const char byte = frameThroughEtx.at(i);
-        copy.append(byte);
-        if (static_cast<uint8_t>(byte) == df1::kDle && i + 1 < frameThroughEtx.size() &&
-            static_cast<uint8_t>(frameThroughEtx.at(i + 1)) == df1::kDle)
-            ++i;  // a doubled DLE counts once
-    }
-    // From DST up to the byte before DLE ETX: neither the lead-in nor the trailer.
-    constexpr int kDleEtx = frame_offset::kEtxDleFromEnd - frame_offset::kBccFromEnd;
-    constexpr int kLeadInAndTrailer = frame_offset::kDst + kDleEtx;
-    if (copy.size() < kLeadInAndTrailer) return 0;
-    const int lrc =
-        CalLRC(reinterpret_cast<const unsigned char*>(copy.constData()) + frame_offset::kDst,
-               static_cast<unsigned short>(copy.size() - kLeadInAndTrailer));
-    return static_cast<uint8_t>(lrc & 0xFF);
+    return RequestBlockCheck(reinterpret_cast<const uint8_t*>(frameThroughEtx.constData()),
+                             frameThroughEtx.size());
 }
 
 namespace {
 
-// Lead-in and DF1 header, up to the transaction number and the two zero bytes.
-void WriteLeadInAndHeader(FrameWriter& w) {
+// Lead-in, DF1 header and the Multiple Service Packet to the Message Router:
+// the bytes every request starts with, the transaction number aside.
+constexpr std::array<uint8_t, frame_offset::kService> RequestPrefix() {
+    std::array<uint8_t, frame_offset::kService> b{};
     // Every request opens with DLE ACK, acknowledging the previous reply.
-    w.put(frame_offset::kAckDle, df1::kDle);
-    w.put(frame_offset::kAck, df1::kAck);
-    w.put(frame_offset::kStxDle, df1::kDle);
-    w.put(frame_offset::kStx, df1::kStx);
-    w.put(frame_offset::kDst, 0x00);
-    w.put(frame_offset::kSrc, 0x00);
-    w.put(frame_offset::kCmd, df1::kCmdCip);
-    w.put(frame_offset::kSts, 0x00);
-    // The transaction byte goes out as it is, even when it is DLE: only the
-    // first request after loading can carry that value.
-    w.put(frame_offset::kTnsLow, static_cast<uint8_t>(PLC_driver.tns & 0xFF));
-    w.put(frame_offset::kTnsHigh, 0x00);
-    w.put(frame_offset::kZeroLow, 0x00);
-    w.put(frame_offset::kZeroHigh, 0x00);
+    b[frame_offset::kAckDle] = df1::kDle;
+    b[frame_offset::kAck] = df1::kAck;
+    b[frame_offset::kStxDle] = df1::kDle;
+    b[frame_offset::kStx] = df1::kStx;
+    b[frame_offset::kDst] = 0x00;
+    b[frame_offset::kSrc] = 0x00;
+    b[frame_offset::kCmd] = df1::kCmdCip;
+    b[frame_offset::kSts] = 0x00;
+    b[frame_offset::kTnsLow] = 0x00;  // put per request
+    b[frame_offset::kTnsHigh] = 0x00;
+    b[frame_offset::kZeroLow] = 0x00;
+    b[frame_offset::kZeroHigh] = 0x00;
+    // The Multiple Service Packet, wrapping one service.
+    b[frame_offset::kPacketService] = cip::kMultipleServicePacket;
+    b[frame_offset::kPacketPathWords] = cip::kMessageRouterPathWords;
+    b[frame_offset::kClassSegment] = cip::kLogicalClass8;
+    b[frame_offset::kClass] = cip::kClassMessageRouter;
+    b[frame_offset::kInstanceSegment] = cip::kLogicalInstance8;
+    b[frame_offset::kInstance] = cip::kMessageRouterInstance;
+    b[frame_offset::kServiceCountLow] = cip::kEmbeddedServiceCount;
+    b[frame_offset::kServiceCountHigh] = 0x00;
+    b[frame_offset::kServiceOffsetLow] = cip::kEmbeddedServiceOffset;
+    b[frame_offset::kServiceOffsetHigh] = 0x00;
+    return b;
 }
-
-// The Multiple Service Packet to the Message Router, wrapping one service.
-void WriteServicePacket(FrameWriter& w) {
-    w.put(frame_offset::kPacketService, cip::kMultipleServicePacket);
-    w.put(frame_offset::kPacketPathWords, cip::kMessageRouterPathWords);
-    w.put(frame_offset::kClassSegment, cip::kLogicalClass8);
-    w.put(frame_offset::kClass, cip::kClassMessageRouter);
-    w.put(frame_offset::kInstanceSegment, cip::kLogicalInstance8);
-    w.put(frame_offset::kInstance, cip::kMessageRouterInstance);
-    w.put(frame_offset::kServiceCountLow, cip::kEmbeddedServiceCount);
-    w.put(frame_offset::kServiceCountHigh, 0x00);
-    w.put(frame_offset::kServiceOffsetLow, cip::kEmbeddedServiceOffset);
-    w.put(frame_offset::kServiceOffsetHigh, 0x00);
-}
+constexpr std::array<uint8_t, frame_offset::kService> kRequestPrefix = RequestPrefix();
 
 }  // namespace
 
 void WriteTagRequestHead(FrameWriter& w, uint8_t service, char letter, int nameHigh, int nameLow,
                          int element) {
-    WriteLeadInAndHeader(w);
-    WriteServicePacket(w);
+    w.putPlain(0, kRequestPrefix.data(), static_cast<int>(kRequestPrefix.size()));
+    // The transaction byte goes out as it is, even when it is DLE: only the
+    // first request after loading can carry that value.
+    w.put(frame_offset::kTnsLow, static_cast<uint8_t>(PLC_driver.tns & 0xFF));
     w.put(frame_offset::kService, service);
     w.put(frame_offset::kPathWords, cip::kEmbeddedPathWords);
     w.put(frame_offset::kSymbolSegment, cip::kAnsiExtendedSymbol);

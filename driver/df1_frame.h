@@ -6,16 +6,35 @@
 
 #include <QtCore/QByteArray>
 #include <cstdint>
+#include <vector>
 
 // Writes a frame byte by byte at the positions of the frame layout. Bytes that
 // come from a record or a value are "stuffed": a DLE among them is sent twice,
 // and every later position moves up by the number of doublings so far.
+//
+// The bytes go into a buffer inside the writer (a heap buffer only for the
+// rare frame that outgrows it), and finish() hands them back as one
+// QByteArray: a frame costs a single allocation.
 class FrameWriter {
 public:
+    FrameWriter() = default;
+    FrameWriter(const FrameWriter&) = delete;
+    FrameWriter& operator=(const FrameWriter&) = delete;
+
     // Puts a byte as it is at layout offset `offset` (shifted by the doublings).
-    void put(int offset, uint8_t byte);
+    void put(int offset, uint8_t byte) { store(offset + shift_, byte); }
     // Puts the low byte of `value`, doubled when the whole value equals DLE.
-    void putStuffed(int offset, int value);
+    // The DLE test looks at the whole value: a name character past 0xFF whose
+    // low byte is DLE goes out once, undoubled.
+    void putStuffed(int offset, int value) {
+        store(offset + shift_, static_cast<uint8_t>(value & 0xFF));
+        if (value == kDle) {
+            ++shift_;
+            store(offset + shift_, kDle);
+        }
+    }
+    // Puts n bytes as they are from layout offset `offset` on.
+    void putPlain(int offset, const uint8_t* bytes, int n);
     // Puts 0x00 at every layout offset from `first` up to, not including, `end`.
     void putZeros(int first, int end);
     // Writes DLE ETX at layout offset `etxOffset` and the block check after it,
@@ -23,16 +42,40 @@ public:
     QByteArray finish(int etxOffset);
 
     int doublings() const { return shift_; }
-    int size() const { return frame_.size(); }
+    int size() const { return size_; }
 
 private:
-    void store(int position, uint8_t byte);
-    QByteArray frame_;
+    // Frames of reads, bit writes and writes of up to about 200 words fit.
+    static constexpr int kInlineBytes = 512;
+    static constexpr uint8_t kDle = 0x10;
+
+    // Most bytes go to the next position or back over an earlier one.
+    void store(int position, uint8_t byte) {
+        if (position >= 0 && position < size_) {
+            bytes_[position] = byte;
+        } else if (position == size_ && size_ < capacity_) {
+            bytes_[size_++] = byte;
+        } else {
+            storeBeyondEnd(position, byte);
+        }
+    }
+    void storeBeyondEnd(int position, uint8_t byte);
+    void reserve(int bytes);
+    // Makes positions [position, position + n) part of the frame (new ones
+    // read 0) and returns where they start; null for a negative position.
+    uint8_t* span(int position, int n);
+
+    uint8_t inline_[kInlineBytes];
+    std::vector<uint8_t> heap_;
+    uint8_t* bytes_ = inline_;
+    int capacity_ = kInlineBytes;
+    int size_ = 0;
     int shift_ = 0;
 };
 
-// The block check over a request frame up to and including its ETX: computed
-// on a de-stuffed copy, from DST to the byte before DLE ETX.
+// The block check over a request frame up to and including its ETX, DLE
+// doubling undone, from DST to the byte before DLE ETX.
+uint8_t RequestBlockCheck(const uint8_t* frameThroughEtx, int size);
 uint8_t RequestBlockCheck(const QByteArray& frameThroughEtx);
 
 // Offsets 0 to 32 of a tag request: lead-in, header, Multiple Service Packet to

@@ -1,7 +1,8 @@
 // Address texts from arbitrary bytes (read as Latin-1 or as UTF-8), through
 // the parser and the host's image entry points:
-//   - StringAddressToInt for every data type, and PLCAddressChangeIntef
-//     giving exactly the same; the separator rules; plain decimal texts
+//   - StringAddressToInt for every data type, and PLCAddressChangeIntef and
+//     the splitting reading StringAddressToIntBySplitting giving exactly the
+//     same; the separator rules; plain decimal texts
 //     giving the packed value computed here;
 //   - SetRegisterData with the text, an arbitrary count and value bytes: an
 //     invalid address changes nothing; otherwise the write queue and the local
@@ -142,6 +143,8 @@ bool PlainPackedAddress(int dataType, const std::string& text, int32_t* packed) 
 void CheckParser(int dataType, const QString& text) {
     const int32_t a = StringAddressToInt(dataType, text);
     FUZZ_CHECK(a == PLCAddressChangeIntef(dataType, text));
+    // The one-pass reading agrees with the splitting reading on every text.
+    FUZZ_CHECK(a == StringAddressToIntBySplitting(dataType, text));
     const bool colon = text.contains(QLatin1Char(':'));
     const bool slash = text.contains(QLatin1Char('/'));
     if (dataType == ABCL_BIT_A || dataType == ABCL_BIT_B) {
