@@ -141,26 +141,28 @@ TEST(BaudTable, RefusesOtherRates) {
     for (int baud : {0, 1, -9600, 12345, 19201, 4000001}) EXPECT_FALSE(peer::IsSupportedBaud(baud));
 }
 
-TEST(Pacing, EachByteStartsExactlyAtItsStartTime) {
+TEST(Pacing, EachByteIsHandedOverExactlyWhenItHasCrossed) {
     const std::size_t total = 100;
     for (int baud : {50, 1200, 19200, 115200, 4000000}) {
-        for (std::size_t k = 1; k < total; k += 7) {
-            const int64_t start = peer::PacedStartNs(k, baud);
-            EXPECT_EQ(peer::PacedBytesAllowed(start, baud, total), k + 1) << baud << " " << k;
-            EXPECT_EQ(peer::PacedBytesAllowed(start - 1, baud, total), k) << baud << " " << k;
+        for (std::size_t k = 0; k < total; k += 7) {
+            const int64_t due = peer::PacedDueNs(k, baud);
+            EXPECT_EQ(peer::PacedBytesAllowed(due, baud, total), k + 1) << baud << " " << k;
+            EXPECT_EQ(peer::PacedBytesAllowed(due - 1, baud, total), k) << baud << " " << k;
         }
     }
 }
 
+// A message of n bytes takes n byte times, as on a real line: nothing is
+// handed over before the first byte has crossed.
 TEST(Pacing, ByteTimesAreTenBitTimes) {
-    EXPECT_EQ(peer::PacedStartNs(1, 9600), 1041667);  // 10 / 9600 s, rounded up
-    EXPECT_EQ(peer::PacedStartNs(96, 9600), 100000000);
-    EXPECT_EQ(peer::PacedStartNs(0, 9600), 0);
+    EXPECT_EQ(peer::PacedDueNs(0, 9600), 1041667);  // 10 / 9600 s, rounded up
+    EXPECT_EQ(peer::PacedDueNs(95, 9600), 100000000);
+    EXPECT_EQ(peer::PacedBytesAllowed(0, 9600, 42), 0u);
 }
 
 TEST(Pacing, NoRateSendsEverythingAtOnce) {
     EXPECT_EQ(peer::PacedBytesAllowed(0, 0, 42), 42u);
-    EXPECT_EQ(peer::PacedStartNs(41, 0), 0);
+    EXPECT_EQ(peer::PacedDueNs(41, 0), 0);
     EXPECT_EQ(peer::PacedBytesAllowed(-1, 9600, 42), 0u);
     EXPECT_EQ(peer::PacedBytesAllowed(int64_t{1} << 40, 9600, 42), 42u);
 }

@@ -51,17 +51,17 @@ protected:
 
 }  // namespace
 
-TEST(Pacing, BytesStartOneByteTimeApart) {
-    // 19200 baud: 520833 ns a byte.
-    EXPECT_EQ(PacedBytesAllowed(0, 19200, 27), 1u);
-    EXPECT_EQ(PacedBytesAllowed(520832, 19200, 27), 1u);
-    EXPECT_EQ(PacedBytesAllowed(520834, 19200, 27), 2u);
-    EXPECT_EQ(PacedBytesAllowed(13020834, 19200, 27), 26u);
+TEST(Pacing, BytesCrossOneByteTimeApart) {
+    // 19200 baud: 520833 ns a byte; the first has crossed after one byte time.
+    EXPECT_EQ(PacedBytesAllowed(0, 19200, 27), 0u);
+    EXPECT_EQ(PacedBytesAllowed(520832, 19200, 27), 0u);
+    EXPECT_EQ(PacedBytesAllowed(520834, 19200, 27), 1u);
+    EXPECT_EQ(PacedBytesAllowed(13020834, 19200, 27), 25u);
     EXPECT_EQ(PacedBytesAllowed(1000000000, 19200, 27), 27u);
     EXPECT_EQ(PacedBytesAllowed(-5, 19200, 27), 0u);
     EXPECT_EQ(PacedBytesAllowed(0, 0, 27), 27u);
     // 115200 baud, one second: 11520 byte times.
-    EXPECT_EQ(PacedBytesAllowed(1000000000, 115200, 100000), 11521u);
+    EXPECT_EQ(PacedBytesAllowed(1000000000, 115200, 100000), 11520u);
     EXPECT_EQ(PacedBytesAllowed(INT64_MAX, 230400, 5), 5u);
 }
 

@@ -101,8 +101,10 @@ int OpenLink(const Options& options, Link* link, std::string* error) {
         link->text = "serial port " + portPath;
     }
     if (!link->port.open(portPath, options.baud, error)) return hostsim::kExitPort;
-    // Both ends of the simulator's pseudo-terminal pace their bytes.
-    if (options.port.empty()) link->port.setPaceBaud(options.baud);
+    // A pseudo-terminal (the built-in simulator's, or plcsim's) delivers at
+    // once, so both of its ends pace their bytes at the line's rate; a real
+    // serial device paces itself.
+    if (link->port.isPseudoTerminal()) link->port.setPaceBaud(options.baud);
     link->text += " at " + std::to_string(options.baud) + " baud";
     return hostsim::kExitOk;
 }
@@ -323,6 +325,7 @@ int main(int argc, char** argv) {
         std::cout << hostsim::UsageText("hostsim");
         return hostsim::kExitOk;
     }
+    peer::UseTightTimers();  // before the simulator's thread starts
     const std::vector<hostsim::TagAddress> tags =
         options.tags.empty() ? hostsim::DefaultTags() : options.tags;
     // --plugin wins; else the installed plug-in beside this program, else the

@@ -303,8 +303,9 @@ Plug-in and link:
   --plugin PATH          plug-in to load (default: the one built with hostsim)
   --port DEVICE          serial device, e.g. /dev/ttyUSB0 (raw 8N1);
                          default: the built-in simulator on a pseudo-terminal
-  --baud N               line rate (default 19200); on the built-in simulator's
-                         pseudo-terminal both sides pace their bytes at it
+  --baud N               line rate (default 19200); on a pseudo-terminal (the
+                         built-in simulator's, or plcsim's) hostsim paces its
+                         requests at it, byte by byte, as a real line would
   --timeout-ms N         reply timeout (default 500)
   --capture FILE         write what crosses the line, both ways, to FILE as a
                          pcapng capture for Wireshark (one packet per frame)

@@ -141,6 +141,7 @@ int main(int argc, char** argv) {
         std::cout << plcsim::UsageText();
         return plcsim::kExitOk;
     }
+    peer::UseTightTimers();  // replies paced to the byte
 
     peer::TagMemory memory(options.files.empty() ? peer::TagMemory::DefaultLayout()
                                                  : options.files);

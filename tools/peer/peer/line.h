@@ -74,14 +74,27 @@ bool WriteAll(int fd, const uint8_t* bytes, std::size_t n);
 int64_t MonotonicMs();
 int64_t MonotonicNs();
 
-// Bytes of a message that may be on the line elapsedNs after its first byte
-// started, at baud (10 bits a byte: start, 8 data, stop): byte k starts at k
-// byte times. With baud 0 the whole message may go at once.
+// Bytes of a message that have crossed the line elapsedNs after its first
+// bit was sent, at baud (10 bits a byte: start, 8 data, stop): byte k has
+// crossed once (k + 1) byte times have passed. A sender on a
+// pseudo-terminal, which delivers at once, hands each byte over when it has
+// crossed, so the receiver sees it when it would on a real line. With baud 0
+// the whole message may go at once.
 std::size_t PacedBytesAllowed(int64_t elapsedNs, int baud, std::size_t total);
 
-// Nanoseconds from a message's start until byte `index` may start, at baud;
-// 0 with baud 0.
-int64_t PacedStartNs(std::size_t index, int baud);
+// Nanoseconds from a message's first bit until byte `index` has crossed the
+// line at baud, (index + 1) byte times; 0 with baud 0.
+int64_t PacedDueNs(std::size_t index, int baud);
+
+// Lets this thread's timed sleeps (and those of threads it starts later) end
+// when asked, not up to the kernel's default slack later: pacing at 115,200
+// baud sleeps about 87 us a byte.
+void UseTightTimers();
+
+// True for the peer (slave) side of a pseudo-terminal, which delivers bytes
+// at once and so needs pacing by the sender; a real serial device paces
+// itself.
+bool IsPseudoTerminal(int fd);
 
 // Bytes at one end of a line: written to it, or read from it.
 enum class Traffic { kSent, kReceived };
@@ -114,6 +127,7 @@ public:
     bool open(const std::string& path, int baud, std::string* error);
     void close();
     bool isOpen() const { return fd_ >= 0; }
+    bool isPseudoTerminal() const { return fd_ >= 0 && IsPseudoTerminal(fd_); }
     int fd() const { return fd_; }
     // A pseudo-terminal delivers at once; with a rate set here each request
     // takes as long to send as it would on a line of that rate (10 bits a
@@ -138,6 +152,9 @@ public:
 
 private:
     LineOutcome send(const uint8_t* request, std::size_t n, int wakeFd);
+    // Waits until the output takes bytes again (full) or until dueNs on the
+    // monotonic clock; true when wakeFd became readable first.
+    bool waitToSend(bool full, int64_t dueNs, int wakeFd);
     // Drops input that came too late for the previous request.
     void dropStaleInput();
     void observe(Traffic traffic, const uint8_t* bytes, std::size_t n, int64_t nowNs) const {

@@ -2,13 +2,16 @@
 
 #include "peer/df1.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -134,25 +137,40 @@ int64_t MonotonicMs() {
 std::size_t PacedBytesAllowed(int64_t elapsedNs, int baud, std::size_t total) {
     if (baud <= 0) return total;
     if (elapsedNs < 0) return 0;
-    // Byte k starts at k * 1e10 / baud ns (10 bits a byte). Whole multiples
-    // of 1e10 ns are split off so the products stay exact in 64 bits.
+    // Byte k has crossed the line (k + 1) * 1e10 / baud ns after the first
+    // bit (10 bits a byte). Whole multiples of 1e10 ns are split off so the
+    // products stay exact in 64 bits.
     const uint64_t tenSeconds = 10000000000ULL;
     const uint64_t elapsed = static_cast<uint64_t>(elapsedNs);
     const uint64_t rate = static_cast<uint64_t>(baud);
-    const uint64_t started =
-        (elapsed / tenSeconds) * rate + (elapsed % tenSeconds) * rate / tenSeconds + 1;
-    return started < total ? static_cast<std::size_t>(started) : total;
+    const uint64_t crossed =
+        (elapsed / tenSeconds) * rate + (elapsed % tenSeconds) * rate / tenSeconds;
+    return crossed < total ? static_cast<std::size_t>(crossed) : total;
 }
 
-int64_t PacedStartNs(std::size_t index, int baud) {
+int64_t PacedDueNs(std::size_t index, int baud) {
     if (baud <= 0) return 0;
-    // The smallest t with floor(t * baud / 1e10) >= index.
+    // The smallest t with floor(t * baud / 1e10) >= index + 1.
     const uint64_t tenSeconds = 10000000000ULL;
     const uint64_t rate = static_cast<uint64_t>(baud);
-    const uint64_t k = static_cast<uint64_t>(index);
+    const uint64_t k = static_cast<uint64_t>(index) + 1;
     const uint64_t whole = k / rate;
     const uint64_t rest = k % rate;
     return static_cast<int64_t>(whole * tenSeconds + (rest * tenSeconds + rate - 1) / rate);
+}
+
+void UseTightTimers() {
+    // The kernel may otherwise let a sleep run up to 50 us long, which on a
+    // fast line is half a character.
+    prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+}
+
+bool IsPseudoTerminal(int fd) {
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISCHR(st.st_mode)) return false;
+    // The Unix 98 pseudo-terminal peers: majors 136 to 143.
+    const unsigned int kind = major(st.st_rdev);
+    return kind >= 136 && kind <= 143;
 }
 
 std::unique_ptr<SerialLine> SerialLine::OpenPty(const std::string& linkPath, std::string* error) {
@@ -262,16 +280,17 @@ bool HostPort::open(const std::string& path, int baud, std::string* error) {
 }
 
 LineOutcome HostPort::send(const uint8_t* request, std::size_t n, int wakeFd) {
-    // Each byte goes out no earlier than its place on a line of paceBaud_.
+    // Each byte is handed over once it would have crossed a line of
+    // paceBaud_, timed from the start of the request on the monotonic clock.
     const int64_t start = MonotonicNs();
     std::size_t written = 0;
     while (written < n) {
-        const std::size_t due = PacedBytesAllowed(MonotonicNs() - start, paceBaud_, n);
+        const int64_t now = MonotonicNs();
+        const std::size_t due = PacedBytesAllowed(now - start, paceBaud_, n);
         if (due > written) {
-            const int64_t handedNs = MonotonicNs();
             const ssize_t w = ::write(fd_, request + written, due - written);
             if (w > 0) {
-                observe(Traffic::kSent, request + written, static_cast<std::size_t>(w), handedNs);
+                observe(Traffic::kSent, request + written, static_cast<std::size_t>(w), now);
                 written += static_cast<std::size_t>(w);
                 continue;
             }
@@ -280,16 +299,26 @@ LineOutcome HostPort::send(const uint8_t* request, std::size_t n, int wakeFd) {
                 return LineOutcome::kError;
             }
         }
-        pollfd fds[2] = {{fd_, POLLOUT, 0}, {wakeFd, POLLIN, 0}};
-        if (due > written) {
-            poll(fds, 1, 50);
-        } else if (poll(&fds[1], wakeFd >= 0 ? 1 : 0, 1) > 0) {
+        if (waitToSend(due > written, start + PacedDueNs(written, paceBaud_), wakeFd))
             return LineOutcome::kStopped;
-        }
     }
     // A real port: the reply timeout starts once the request is out.
     if (paceBaud_ <= 0) tcdrain(fd_);
     return LineOutcome::kReply;
+}
+
+bool HostPort::waitToSend(bool full, int64_t dueNs, int wakeFd) {
+    // A full output queue: wait until it takes bytes again. Otherwise sleep
+    // exactly until the next byte is due.
+    pollfd fds[2] = {{fd_, POLLOUT, 0}, {wakeFd, POLLIN, 0}};
+    if (full) {
+        poll(fds, 1, 50);
+        return false;
+    }
+    const int64_t waitNs = std::max<int64_t>(0, dueNs - MonotonicNs());
+    const timespec timeout{static_cast<time_t>(waitNs / 1000000000),
+                           static_cast<long>(waitNs % 1000000000)};
+    return ppoll(&fds[1], wakeFd >= 0 ? 1 : 0, &timeout, nullptr) > 0;
 }
 
 void HostPort::dropStaleInput() {

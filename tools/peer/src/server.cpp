@@ -159,7 +159,10 @@ bool Server::sendDue(Session& session, int64_t nowNs) {
     auto& queue = session.queue;
     while (!queue.empty() && queue.front().notBeforeNs <= nowNs) {
         Session::Pending& head = queue.front();
-        if (head.startNs < 0) head.startNs = nowNs;
+        // The reply's first bit goes out when it is due, not when this loop
+        // came round to it: a late loop catches up with the bytes the line
+        // would have carried by now.
+        if (head.startNs < 0) head.startNs = head.notBeforeNs;
         const std::size_t allowed =
             PacedBytesAllowed(nowNs - head.startNs, options_.paceBaud, head.bytes.size());
         if (allowed > head.sent) {
@@ -180,14 +183,18 @@ bool Server::sendDue(Session& session, int64_t nowNs) {
             counters_.bytesSent += static_cast<uint64_t>(n);
         }
         if (head.sent >= head.bytes.size()) {
+            const int64_t endedNs =
+                options_.paceBaud > 0
+                    ? head.startNs + PacedDueNs(head.bytes.size() - 1, options_.paceBaud)
+                    : nowNs;
             queue.pop_front();
             // The next reply starts no sooner than this one ended.
             if (!queue.empty())
-                queue.front().notBeforeNs = std::max(queue.front().notBeforeNs, nowNs);
+                queue.front().notBeforeNs = std::max(queue.front().notBeforeNs, endedNs);
             continue;
         }
         if (allowed < head.bytes.size() && head.sent == allowed)
-            session.nextByteNs = head.startNs + PacedStartNs(head.sent, options_.paceBaud);
+            session.nextByteNs = head.startNs + PacedDueNs(head.sent, options_.paceBaud);
         else
             session.waitWritable = true;
         return true;
