@@ -5,7 +5,9 @@
 #   development  <includedir>/ab_controllogix_compactlogix.h,
 #                <libdir>/cmake/AB_ControlLogix_CompactLogix/ (find_package),
 #                <libdir>/pkgconfig/ab-controllogix-compactlogix.pc
-#   tools        <bindir>/hostsim, <bindir>/plcsim, <bindir>/df1tap, their man pages
+#   tools        <bindir>/hostsim, <bindir>/plcsim, <bindir>/df1tap, their man pages,
+#                <datadir>/ab-controllogix-compactlogix/wireshark/df1.lua (the
+#                dissector of the captures the tools write)
 #   every one    the documentation in <docdir>
 #
 # Every installed path is relative to the prefix, so the tree can be moved or
@@ -20,6 +22,12 @@ if(TARGET hostsim AND TARGET plcsim_program)
 endif()
 if(TARGET df1tap)
   install(TARGETS df1tap RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+endif()
+# Every tool writes --capture files; the dissector that shows them goes with
+# the tools, for `wireshark -X lua_script:` or a copy into the plugins folder.
+if(ABCL_BUILD_TOOLS)
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/wireshark/df1.lua
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/${ABCL_PLUGIN_FOLDER}/wireshark COMPONENT tools)
 endif()
 
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR}

@@ -3,7 +3,8 @@
 #
 #   ab-controllogix-compactlogix        runtime: the plug-in
 #   ab-controllogix-compactlogix-dev    development: header, CMake and pkg-config files
-#   ab-controllogix-compactlogix-tools  tools: hostsim, plcsim, df1tap and their man pages
+#   ab-controllogix-compactlogix-tools  tools: hostsim, plcsim, df1tap, their man pages
+#                                       and the Wireshark dissector of their captures
 #
 # For the build machine's architecture dpkg-shlibdeps works out the
 # dependencies. A cross build cannot ask dpkg about the target's libraries, so
@@ -47,7 +48,9 @@ set(_abcl_exact "${PROJECT_VERSION}-1")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${ABCL_DEB_NAME})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${ABCL_DEB_RUNTIME_DEPENDS}")
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
+# Each description is one string (set() with several arguments would make a
+# list, and its semicolons would end up in the package's description).
+string(CONCAT CPACK_COMPONENT_RUNTIME_DESCRIPTION
     "ControlLogix/CompactLogix DF1 communication plug-in for HMI panels\n"
     "The plug-in an HMI runtime loads with dlopen to talk DF1/CIP over a serial\n"
     "line to a Logix controller. It is installed in its own folder under the\n"
@@ -56,7 +59,7 @@ set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${ABCL_DEB_NAME}-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${ABCL_DEB_NAME} (= ${_abcl_exact}), qtbase5-dev")
-set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
+string(CONCAT CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
     "ControlLogix/CompactLogix DF1 plug-in - development files\n"
     "The public header of the plug-in's records and entry points, with a CMake\n"
     "package (find_package(AB_ControlLogix_CompactLogix)) and a pkg-config file\n"
@@ -66,12 +69,14 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ${ABCL_DEB_NAME}-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${ABCL_DEB_TOOLS_DEPENDS}")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "${ABCL_DEB_NAME} (= ${_abcl_exact})")
-set(CPACK_COMPONENT_TOOLS_DESCRIPTION
+string(CONCAT CPACK_COMPONENT_TOOLS_DESCRIPTION
     "ControlLogix/CompactLogix DF1 plug-in - simulators\n"
     "hostsim loads the plug-in as an HMI runtime does and shows the controller's\n"
     "data; plcsim answers DF1/CIP requests as a controller's serial port would,\n"
     "on a pseudo-terminal or a serial device; df1tap forwards a panel's serial\n"
-    "line to a controller unchanged and captures what crosses it for Wireshark.")
+    "line to a controller unchanged and captures what crosses it for Wireshark.\n"
+    "The Wireshark dissector of those captures is installed as\n"
+    "${CPACK_PACKAGING_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/${ABCL_PLUGIN_FOLDER}/wireshark/df1.lua.")
 
 # Every package carries its own copyright file and changelog, as Debian asks.
 foreach(component runtime development tools)
