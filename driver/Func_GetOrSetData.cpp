@@ -148,8 +148,9 @@ void WriteDataToLocal(RW_VAR* var) {
     }
 }
 
-int GetRegisterData(int /*unused1*/, int dataType, QString addr, int /*unused2*/, QByteArray* out,
-                    int count) {
+namespace {
+
+int CopyFromImage(int dataType, const QString& addr, QByteArray* out, int count) {
     const int a = StringAddressToInt(dataType, addr);
     if (a < 0) return 0;
     AB_ControlLogix_CompactLogix& d = PLC_driver;
@@ -168,8 +169,6 @@ int GetRegisterData(int /*unused1*/, int dataType, QString addr, int /*unused2*/
     return 1;
 }
 
-namespace {
-
 // `bytes` bytes of `source` from `offset` on; bytes past its end read 0.
 QByteArray SliceZeroPadded(const QByteArray& source, int64_t offset, int64_t bytes) {
     if (bytes <= 0) return QByteArray();
@@ -187,15 +186,13 @@ QByteArray SliceZeroPadded(const QByteArray& source, int64_t offset, int64_t byt
 // Queues one write and, while the link is failing (no frame will be built to
 // mirror it), shows the value in the image at once.
 int QueueWrite(RW_VAR* w) {
-    const int length = AddListWriteVar(w, 0);
+    const int length = QueueWriteRequest(w, 0);
     if (commErrorSet()) WriteDataToLocal(w);
     return length;
 }
 
-}  // namespace
-
-int SetRegisterData(QString addr2, int dataType, QString addr, int station, QByteArray* in,
-                    int count, int varId, int varSubId) {
+int HandInValues(const QString& addr2, int dataType, const QString& addr, int station,
+                 QByteArray* in, int count, int varId, int varSubId) {
     const int a = StringAddressToInt(dataType, addr);
     if (a < 0) return 0;
     if (count > kMaxWriteCount) return 0;  // no area holds that many elements
@@ -252,4 +249,18 @@ int SetRegisterData(QString addr2, int dataType, QString addr, int station, QByt
         return length;
     }
     return 0;
+}
+
+}  // namespace
+
+int GetRegisterData(int /*unused1*/, int dataType, QString addr, int /*unused2*/, QByteArray* out,
+                    int count) {
+    return AtTheBoundary(0, [&] { return CopyFromImage(dataType, addr, out, count); });
+}
+
+int SetRegisterData(QString addr2, int dataType, QString addr, int station, QByteArray* in,
+                    int count, int varId, int varSubId) {
+    return AtTheBoundary(0, [&] {
+        return HandInValues(addr2, dataType, addr, station, in, count, varId, varSubId);
+    });
 }

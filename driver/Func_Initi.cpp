@@ -85,7 +85,7 @@ void MergeIntoReadList(const std::vector<ListPiece>& sorted, int maxCount, RW_VA
         tmpl.addrText = item.addrText;
         tmpl.address = PieceAddress(piece);
         tmpl.count = piece.count;
-        AddListReadVar(&tmpl);
+        AppendCyclicRequest(&tmpl);
         groupStart = tmpl.address;
         groupLength = piece.count;
     };
@@ -238,7 +238,7 @@ int StringAddressToInt(int dataType, QString text) {
 }
 
 int PLCAddressChangeIntef(int dataType, QString text) {
-    return StringAddressToInt(dataType, text);
+    return AtTheBoundary(-1, [dataType, &text] { return StringAddressToInt(dataType, text); });
 }
 
 // ---- cyclic read list -------------------------------------------------------------
@@ -269,12 +269,18 @@ void Bubble_Sort(QList<RW_VAR>* list) {
                      [](const RW_VAR& a, const RW_VAR& b) { return a.address < b.address; });
 }
 
-int AddListReadVar(RW_VAR* var) {
+int AppendCyclicRequest(RW_VAR* var) {
     if (var) PLC_driver.readList.append(*var);
     return PLC_driver.readList.size();
 }
 
-int ReCreatReadVarList(QList<ReadVarItem*>* items) {
+int AddListReadVar(RW_VAR* var) {
+    return AtTheBoundary(0, [var] { return AppendCyclicRequest(var); });
+}
+
+namespace {
+
+int RebuildCyclicList(QList<ReadVarItem*>* items) {
     AB_ControlLogix_CompactLogix& d = PLC_driver;
     DriverLock lock(&d.listMutex);
     d.readList.clear();
@@ -325,9 +331,15 @@ int ReCreatReadVarList(QList<ReadVarItem*>* items) {
     return d.readList.size();
 }
 
+}  // namespace
+
+int ReCreatReadVarList(QList<ReadVarItem*>* items) {
+    return AtTheBoundary(0, [items] { return RebuildCyclicList(items); });
+}
+
 // ---- write queue and one-shot reads -------------------------------------------------
 
-int AddListWriteVar(RW_VAR* var, int mode) {
+int QueueWriteRequest(RW_VAR* var, int mode) {
     AB_ControlLogix_CompactLogix& d = PLC_driver;
     DriverLock lock(&d.listMutex);
     if (!var) return d.writeList.size();
@@ -347,7 +359,13 @@ int AddListWriteVar(RW_VAR* var, int mode) {
     return d.writeList.size();
 }
 
-int AddListOnceReadVar(RW_VAR* var, int mode) {
+int AddListWriteVar(RW_VAR* var, int mode) {
+    return AtTheBoundary(0, [var, mode] { return QueueWriteRequest(var, mode); });
+}
+
+namespace {
+
+int QueueOnceRead(RW_VAR* var, int mode) {
     AB_ControlLogix_CompactLogix& d = PLC_driver;
     if (!var) return 0;
     if (mode == 1) {
@@ -389,4 +407,10 @@ int AddListOnceReadVar(RW_VAR* var, int mode) {
         if (!queued && d.onceReadList.size() < kQueueLimit) d.onceReadList.append(*var);
     }
     return d.onceReadList.size();
+}
+
+}  // namespace
+
+int AddListOnceReadVar(RW_VAR* var, int mode) {
+    return AtTheBoundary(0, [var, mode] { return QueueOnceRead(var, mode); });
 }

@@ -133,7 +133,9 @@ void ResetDriverForTest() {
 
 // ---- scheduler -------------------------------------------------------------
 
-Protocol* ComCommunication() {
+namespace {
+
+Protocol* NextRequest() {
     AB_ControlLogix_CompactLogix& d = PLC_driver;
     DriverLock lock(&d.listMutex);
     if (!d.protocolList.isEmpty()) return &d.protocolList.first();
@@ -160,6 +162,12 @@ Protocol* ComCommunication() {
     // A builder queues nothing for an unsupported data type; the entry stays at
     // the head of its queue and the burst limit lets the other queues run.
     return d.protocolList.isEmpty() ? nullptr : &d.protocolList.first();
+}
+
+}  // namespace
+
+Protocol* ComCommunication() {
+    return AtTheBoundary<Protocol*>(nullptr, [] { return NextRequest(); });
 }
 
 // ---- reply processing --------------------------------------------------------
@@ -279,7 +287,9 @@ int FixReplyLength(Protocol& p, const QByteArray& reply) {
 
 }  // namespace
 
-RW_VAR* DataCom(QByteArray reply, int len) {
+namespace {
+
+RW_VAR* TakeReply(const QByteArray& reply, int len) {
     AB_ControlLogix_CompactLogix& d = PLC_driver;
     ComInfo& s = settings();
     d.current.result = 1;
@@ -331,4 +341,10 @@ RW_VAR* DataCom(QByteArray reply, int len) {
     if (commErrorSet()) PurgeAfterFailure();
     d.current.result = code;
     return &d.current;
+}
+
+}  // namespace
+
+RW_VAR* DataCom(QByteArray reply, int len) {
+    return AtTheBoundary(&PLC_driver.current, [&reply, len] { return TakeReply(reply, len); });
 }

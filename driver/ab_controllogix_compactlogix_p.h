@@ -123,6 +123,26 @@ inline void setCommError(bool failed) {
     __atomic_store_n(&PLC_driver.commError, static_cast<uint8_t>(failed ? 1 : 0), __ATOMIC_RELAXED);
 }
 
+// The entry points are called from the host's C code, and nothing may unwind
+// into it: under memory pressure Qt's containers throw std::bad_alloc. An
+// entry point runs its body through this and, if anything is thrown, returns
+// what it returns when it has done nothing. Locks are released on the way
+// out; a request or list entry that could not be made is simply not there.
+template <typename Result, typename Body>
+Result AtTheBoundary(Result nothingDone, Body body) noexcept {
+    try {
+        return body();
+    } catch (...) {
+        return nothingDone;
+    }
+}
+
+// The list entry points' work, also used inside the driver: internal code
+// never calls an exported name, so no other library loaded into the host can
+// take those calls over.
+int AppendCyclicRequest(RW_VAR* var);
+int QueueWriteRequest(RW_VAR* var, int mode);
+
 // Returns the driver object to its state right after loading (lists empty,
 // areas zeroed, mode 100, a fresh transaction number) and forgets the settings
 // record and callback. For tests and tools that link the driver statically.

@@ -250,6 +250,30 @@ TEST(PluginExports, DynamicSymbolTableHoldsExactlyTheEntryPoints) {
     for (const char* name : kEntryPoints) EXPECT_TRUE(found.count(name)) << name << " not exported";
 }
 
+// The plug-in's own calls of its entry points (a rebuild appending to the
+// cyclic list, a host write queued) are bound inside it: no dynamic
+// relocation names an entry point, so another driver loaded into the same
+// process, exporting the same names, can never receive them.
+TEST(PluginExports, NoDynamicRelocationNamesAnEntryPoint) {
+    const std::string command = std::string("readelf -rW '") + ABCL_PLUGIN_PATH + "' 2>/dev/null";
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) GTEST_SKIP() << "cannot run readelf";
+    std::string relocations;
+    char line[4096];
+    while (std::fgets(line, sizeof line, pipe)) relocations += line;
+    const int status = pclose(pipe);
+    if (relocations.find("Relocation section") == std::string::npos)
+        GTEST_SKIP() << "readelf is not available (status " << status << ")";
+    std::istringstream lines(relocations);
+    std::string entry;
+    while (std::getline(lines, entry)) {
+        std::istringstream fields(entry);
+        std::string field;
+        while (fields >> field)
+            for (const char* name : kEntryPoints) EXPECT_NE(field, name) << entry;
+    }
+}
+
 TEST_F(HostLoop, ScansWritesReadsOnceAndSurvivesASilentController) {
     // ---- wiring -------------------------------------------------------------------
     EXPECT_EQ(api().FlashLocalRegister(nullptr, nullptr, nullptr), 396);
