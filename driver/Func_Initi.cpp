@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <unordered_set>
 #include <vector>
 
 namespace {
@@ -29,9 +30,10 @@ bool SameWrite(const RW_VAR& a, const RW_VAR& b) {
            a.count == b.count;
 }
 
-bool SameOnceRead(const RW_VAR& a, const RW_VAR& b) {
+// Two one-shot reads of the same variable, wherever and however long.
+bool SameOnceVariable(const RW_VAR& a, const RW_VAR& b) {
     return a.varId == b.varId && a.varSubId == b.varSubId && a.station == b.station &&
-           a.dataType == b.dataType && a.address == b.address && a.count == b.count;
+           a.dataType == b.dataType;
 }
 
 // Calls piece(address, count) for each request a variable of `total`
@@ -70,13 +72,13 @@ int32_t PieceAddress(const ListPiece& piece) {
     return static_cast<int32_t>(piece.order >> 32);
 }
 
-// Appends the sorted pieces of one data type to readList, merging a piece
+// Appends the sorted pieces of one data type to the list, merging a piece
 // into the previous request while the merged run stays within maxCount. The
 // gap between two variables is read too: on a slow line one longer request
 // is cheaper than two exchanges. A request is a copy of the template with the
 // fields of the variable its first piece came from.
 void MergeIntoReadList(const std::vector<ListPiece>& sorted, int maxCount, RW_VAR tmpl,
-                       const QList<ReadVarItem*>& items) {
+                       const QList<ReadVarItem*>& items, QList<RW_VAR>* list) {
     int64_t groupStart = 0;
     int64_t groupLength = 0;
     auto startRequest = [&](const ListPiece& piece) {
@@ -85,7 +87,7 @@ void MergeIntoReadList(const std::vector<ListPiece>& sorted, int maxCount, RW_VA
         tmpl.addrText = item.addrText;
         tmpl.address = PieceAddress(piece);
         tmpl.count = piece.count;
-        AppendCyclicRequest(&tmpl);
+        list->append(tmpl);
         groupStart = tmpl.address;
         groupLength = piece.count;
     };
@@ -101,7 +103,7 @@ void MergeIntoReadList(const std::vector<ListPiece>& sorted, int maxCount, RW_VA
         if (groupEnd > address && groupEnd >= pieceEnd) continue;  // already covered
         const int64_t newLength = pieceEnd - groupStart;
         if (newLength <= maxCount) {
-            PLC_driver.readList.last().count = Wrap32(newLength);
+            list->last().count = Wrap32(newLength);
             groupLength = newLength;
         } else {
             startRequest(piece);
@@ -269,26 +271,19 @@ void Bubble_Sort(QList<RW_VAR>* list) {
                      [](const RW_VAR& a, const RW_VAR& b) { return a.address < b.address; });
 }
 
-int AppendCyclicRequest(RW_VAR* var) {
-    if (var) PLC_driver.readList.append(*var);
-    return PLC_driver.readList.size();
-}
-
 int AddListReadVar(RW_VAR* var) {
-    return AtTheBoundary(0, [var] { return AppendCyclicRequest(var); });
+    return AtTheBoundary(0, [var] {
+        if (var) PLC_driver.readList.append(*var);
+        return PLC_driver.readList.size();
+    });
 }
 
 namespace {
 
-int RebuildCyclicList(QList<ReadVarItem*>* items) {
-    AB_ControlLogix_CompactLogix& d = PLC_driver;
-    DriverLock lock(&d.listMutex);
-    d.readList.clear();
-    if (!items || items->isEmpty()) return 0;
-
+// The cyclic list the items make, built without touching the driver's lists.
+QList<RW_VAR> BuildCyclicList(const QList<ReadVarItem*>& items, const ComInfo& s) {
     constexpr int kTypes = ABCL_REAL + 1;
     std::vector<ListPiece> perType[kTypes];
-    ComInfo& s = settings();
     RW_VAR tmpl;
     tmpl.varId = 0;
     tmpl.varSubId = -1;
@@ -298,13 +293,10 @@ int RebuildCyclicList(QList<ReadVarItem*>* items) {
     tmpl.result = 0;
     tmpl.aux12 = 0;
     tmpl.aux13 = 0;
-    d.cycleCount = 0;
-    s.cycleDone = 0;
-    if (s.multiStation != 0) return 0;
     tmpl.station = s.defaultStation;
 
-    for (int i = 0; i < items->size(); ++i) {
-        const ReadVarItem* item = items->at(i);
+    for (int i = 0; i < items.size(); ++i) {
+        const ReadVarItem* item = items.at(i);
         if (!item || item->dataType > ABCL_REAL) continue;
         const int a = StringAddressToInt(item->dataType, item->addrText);
         if (a < 0) continue;
@@ -321,13 +313,30 @@ int RebuildCyclicList(QList<ReadVarItem*>* items) {
         });
     }
 
+    QList<RW_VAR> list;
     for (int type = 0; type < kTypes; ++type) {
         std::vector<ListPiece>& pieces = perType[type];
         std::sort(pieces.begin(), pieces.end(),
                   [](const ListPiece& x, const ListPiece& y) { return x.order < y.order; });
         tmpl.dataType = type;
-        MergeIntoReadList(pieces, s.maxCount, tmpl, *items);
+        MergeIntoReadList(pieces, s.maxCount, tmpl, items, &list);
     }
+    return list;
+}
+
+// The new list is built before listMutex is taken and swapped in under it,
+// so the communication thread waits for the swap only, however many
+// variables there are; the old list is freed after the lock is released.
+int RebuildCyclicList(QList<ReadVarItem*>* items) {
+    AB_ControlLogix_CompactLogix& d = PLC_driver;
+    ComInfo& s = settings();
+    const bool building = items && !items->isEmpty() && s.multiStation == 0;
+    QList<RW_VAR> list = building ? BuildCyclicList(*items, s) : QList<RW_VAR>();
+    DriverLock lock(&d.listMutex);
+    d.readList.swap(list);
+    if (!items || items->isEmpty()) return 0;
+    d.cycleCount = 0;
+    s.cycleDone = 0;
     return d.readList.size();
 }
 
@@ -365,6 +374,67 @@ int AddListWriteVar(RW_VAR* var, int mode) {
 
 namespace {
 
+// One piece of a one-shot read: its place and size.
+struct OncePiece {
+    int32_t address;
+    int32_t count;
+};
+
+uint64_t PieceKey(int32_t address, int32_t count) {
+    return (uint64_t{static_cast<uint32_t>(address)} << 32) | static_cast<uint32_t>(count);
+}
+
+// The pieces a one-shot read of `count` elements from `start` is split into,
+// at most maxCount elements each (the address steps by maxCount x unit), the
+// last piece always last. A piece equal to an earlier one is left out: it
+// could never be queued, since the earlier one either was, or was kept out
+// for a reason that holds for it too. Made before listMutex is taken.
+std::vector<OncePiece> DistinctOncePieces(int32_t start, int32_t count, int maxCount, int unit) {
+    const PieceSplit split = SplitIntoPieces(count, maxCount);
+    std::vector<OncePiece> pieces;
+    if (split.pieces <= 0) return pieces;
+    pieces.reserve(static_cast<size_t>(split.pieces));
+    std::unordered_set<uint64_t> seen;
+    for (int k = 0; k < split.pieces; ++k) {
+        const int64_t step = static_cast<int64_t>(k) * maxCount * unit;
+        const OncePiece piece{Wrap32(start + step),
+                              (k == split.pieces - 1) ? split.lastCount : maxCount};
+        if (split.pieces == 1 || seen.insert(PieceKey(piece.address, piece.count)).second)
+            pieces.push_back(piece);
+    }
+    // The record ends with the last piece's place even when an equal piece
+    // came earlier.
+    const int last = split.pieces - 1;
+    const OncePiece lastPiece{Wrap32(start + static_cast<int64_t>(last) * maxCount * unit),
+                              split.lastCount};
+    if (pieces.back().address != lastPiece.address || pieces.back().count != lastPiece.count)
+        pieces.push_back(lastPiece);
+    return pieces;
+}
+
+// Queues the pieces that are not queued yet while the queue has room; a
+// full queue takes nothing more, so the rest is not looked at. Queued pieces
+// are found through a set of the queue's entries for this variable, so each
+// piece costs the same however long the queue is. listMutex is held.
+void QueueOncePieces(const std::vector<OncePiece>& pieces, const RW_VAR& var) {
+    QList<RW_VAR>& queue = PLC_driver.onceReadList;
+    std::unordered_set<uint64_t> queued;
+    for (const RW_VAR& e : queue)
+        if (SameOnceVariable(e, var)) queued.insert(PieceKey(e.address, e.count));
+    RW_VAR entry = var;
+    for (const OncePiece& piece : pieces) {
+        entry.address = piece.address;
+        entry.count = piece.count;
+        if (queue.isEmpty()) {
+            queue.append(entry);
+            queued.insert(PieceKey(piece.address, piece.count));
+            continue;
+        }
+        if (queue.size() >= kQueueLimit) break;
+        if (queued.insert(PieceKey(piece.address, piece.count)).second) queue.append(entry);
+    }
+}
+
 int QueueOnceRead(RW_VAR* var, int mode) {
     AB_ControlLogix_CompactLogix& d = PLC_driver;
     if (!var) return 0;
@@ -389,23 +459,17 @@ int QueueOnceRead(RW_VAR* var, int mode) {
         var->address = a & ~15;
         var->count = Wrap32(WordsHoldingBits(a & 15, var->count));
     }
-    const int64_t start = var->address;
-    const int maxCount = s.maxCount;
-    const PieceSplit split = SplitIntoPieces(var->count, maxCount);
+    const std::vector<OncePiece> pieces =
+        DistinctOncePieces(var->address, var->count, s.maxCount, bits ? kBitsPerWord : 1);
+    if (!pieces.empty()) {
+        // The record keeps the last piece's place, as if every piece had
+        // been written into it in turn.
+        var->address = pieces.back().address;
+        var->count = pieces.back().count;
+    }
 
     DriverLock lock(&d.listMutex);
-    for (int k = 0; k < split.pieces; ++k) {
-        const int64_t step = static_cast<int64_t>(k) * maxCount * (bits ? kBitsPerWord : 1);
-        var->address = Wrap32(start + step);
-        var->count = (k == split.pieces - 1) ? split.lastCount : maxCount;
-        if (d.onceReadList.isEmpty()) {
-            d.onceReadList.append(*var);
-            continue;
-        }
-        const bool queued = std::any_of(d.onceReadList.cbegin(), d.onceReadList.cend(),
-                                        [var](const RW_VAR& e) { return SameOnceRead(e, *var); });
-        if (!queued && d.onceReadList.size() < kQueueLimit) d.onceReadList.append(*var);
-    }
+    QueueOncePieces(pieces, *var);
     return d.onceReadList.size();
 }
 

@@ -137,10 +137,9 @@ Result AtTheBoundary(Result nothingDone, Body body) noexcept {
     }
 }
 
-// The list entry points' work, also used inside the driver: internal code
-// never calls an exported name, so no other library loaded into the host can
-// take those calls over.
-int AppendCyclicRequest(RW_VAR* var);
+// AddListWriteVar's work, also used inside the driver: internal code never
+// calls an exported name, so no other library loaded into the host can take
+// those calls over.
 int QueueWriteRequest(RW_VAR* var, int mode);
 
 // Returns the driver object to its state right after loading (lists empty,
