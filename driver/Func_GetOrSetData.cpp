@@ -191,6 +191,39 @@ int QueueWrite(RW_VAR* w) {
     return length;
 }
 
+// Shows bits [next, count) of a write in the image at once, while the link is
+// failing, as queuing each bit on its own would.
+void MirrorBits(const RW_VAR& bit, int32_t first, int next, int count, const QByteArray& values) {
+    if (!commErrorSet()) return;
+    RW_VAR bits = bit;
+    bits.address = Wrap32(static_cast<int64_t>(first) + next);
+    bits.count = count - next;
+    // A bit whose byte is missing from the host's array is written as 0.
+    bits.data = SliceZeroPadded(values, next, count - next);
+    WriteDataToLocal(&bits);
+}
+
+// Every bit is its own write request. Once the queue is full the rest can
+// only replace queued writes of the same bits: that is done in one pass over
+// the queue instead of one pass per bit.
+int QueueBitWrites(RW_VAR* w, int32_t first, const QByteArray& values, int count) {
+    int length = 0;
+    for (int i = 0; i < count; ++i) {
+        if (length >= kQueueLimit) {
+            const int full = ReplaceQueuedBitsIfFull(*w, first, i, count, values);
+            if (full >= 0) {
+                MirrorBits(*w, first, i, count, values);
+                return full;
+            }
+        }
+        w->count = 1;
+        w->address = Wrap32(static_cast<int64_t>(first) + i);
+        w->data = QByteArray(1, i < values.size() ? values.at(i) : '\0');
+        length = QueueWrite(w);
+    }
+    return length;
+}
+
 int HandInValues(const QString& addr2, int dataType, const QString& addr, int station,
                  QByteArray* in, int count, int varId, int varSubId) {
     const int a = StringAddressToInt(dataType, addr);
@@ -222,14 +255,7 @@ int HandInValues(const QString& addr2, int dataType, const QString& addr, int st
 
     if (IsBitType(dataType)) {
         if (count <= 0) return 0;
-        int length = 0;
-        for (int i = 0; i < count; ++i) {  // every bit is its own write request
-            w.count = 1;
-            w.address = Wrap32(static_cast<int64_t>(a) + i);
-            w.data = QByteArray(1, i < values.size() ? values.at(i) : '\0');
-            length = QueueWrite(&w);
-        }
-        return length;
+        return QueueBitWrites(&w, a, values, count);
     }
 
     if (dataType >= ABCL_WORD_A && dataType <= ABCL_REAL) {

@@ -1,10 +1,17 @@
-// One-shot reads under hostile records: whatever the count, maxCount and the
-// queue already hold, AddListOnceReadVar leaves the queue and the host's
-// record exactly as splitting the read piece by piece and scanning the whole
-// queue for each piece would (the model below), although the driver stops
-// once the queue is full and looks pieces up in a set.
+// Hostile records against the list entry points' bounded loops.
+//
+// One-shot reads: whatever the count, maxCount and the queue already hold,
+// AddListOnceReadVar leaves the queue and the host's record exactly as
+// splitting the read piece by piece and scanning the whole queue for each
+// piece would (the model below), although the driver stops once the queue is
+// full and looks pieces up in a set.
+//
+// Bit writes: SetRegisterData of many bits leaves the write queue, the image
+// and its result exactly as queuing every bit on its own would, although the
+// driver looks at the queue's entries instead of the bits once it is full.
 #include "test_support.h"
 
+#include "Func_GetOrSetData.h"
 #include "Func_Initi.h"
 #include "fresh_driver.h"
 #include "protocol_constants.h"
@@ -141,6 +148,91 @@ TEST(BoundedOnceReads, ReadOfManyPiecesFillsTheQueueAsPieceByPiece) {
     for (int i = 0; i < model.size(); ++i)
         ExpectSameRecord(PLC_driver.onceReadList.at(i), model.at(i));
     ExpectSameRecord(var, modelVar);
+}
+
+// ---- bit writes ------------------------------------------------------------
+
+// QueueWriteRequest in write mode 0, on a model queue.
+int ModelQueueWrite(QList<RW_VAR>& queue, const RW_VAR& w) {
+    if (queue.size() <= 1) {
+        queue.append(w);
+        return queue.size();
+    }
+    for (int i = 1; i < queue.size(); ++i) {
+        const RW_VAR& e = queue.at(i);
+        if (e.station == w.station && e.dataType == w.dataType && e.address == w.address &&
+            e.count == w.count) {
+            queue[i] = w;
+            return queue.size();
+        }
+    }
+    if (queue.size() < kQueueLimit) queue.append(w);
+    return queue.size();
+}
+
+// Every bit queued on its own, and mirrored into the (model) area while the
+// link is failing.
+int ModelBitWrites(QList<RW_VAR>& queue, uint16_t* area, RW_VAR w, int32_t first,
+                   const QByteArray& values, int count, bool failing) {
+    int length = 0;
+    for (int i = 0; i < count; ++i) {
+        w.count = 1;
+        w.address = Wrap(static_cast<int64_t>(first) + i);
+        w.data = QByteArray(1, i < values.size() ? values.at(i) : '\0');
+        length = ModelQueueWrite(queue, w);
+        if (failing) SetBitToUS(w.address, area, w.data, 1);
+    }
+    return length;
+}
+
+TEST(BoundedBitWrites, ManyBits_QueueImageAndResultAsBitByBit) {
+    static const int kCounts[] = {1, 5, 100, 1023, 1024, 1025, 3000, 20000};
+    Draw draw(7u);
+    static std::vector<uint16_t> modelArea(kAreaElements);
+    for (int run = 0; run < 60; ++run) {
+        WireFreshDriver(g_info, 32);
+        const bool failing = draw.below(2) == 0;
+        setCommError(failing);
+        // A queue already holding writes, some of them bits the write will
+        // touch, some of them twice (a write queued in mode 1 is appended as
+        // it is).
+        const int prefill = static_cast<int>(draw.below(1100));
+        for (int i = 0; i < prefill; ++i) {
+            RW_VAR e;
+            e.station = 1;
+            e.dataType = draw.below(3) == 0 ? ABCL_WORD_B : ABCL_BIT_A;
+            e.count = draw.below(5) == 0 ? 2 : 1;
+            e.address = static_cast<int32_t>(3 * 4096 + draw.below(4000));
+            e.data = QByteArray(1, '\x07');
+            AddListWriteVar(&e, draw.below(4) == 0 ? 1 : 0);
+        }
+        QList<RW_VAR> model = PLC_driver.writeList;
+        std::copy(PLC_driver.areaA, PLC_driver.areaA + kAreaElements, modelArea.begin());
+
+        const int count = draw.pick(kCounts);
+        QByteArray values(static_cast<int>(draw.below(static_cast<uint32_t>(count) + 2)), '\0');
+        for (int i = 0; i < values.size(); ++i) values[i] = static_cast<char>(draw.below(3));
+        const QString text = QStringLiteral("3:%1/%2").arg(draw.below(256)).arg(draw.below(16));
+        const int first = StringAddressToInt(ABCL_BIT_A, text);
+
+        RW_VAR w;
+        w.varId = 4;
+        w.varSubId = 0;
+        w.aux2 = 1;
+        w.addrText = text;
+        w.dataType = ABCL_BIT_A;
+        w.station = 1;
+        const int expected =
+            ModelBitWrites(model, modelArea.data(), w, first, values, count, failing);
+        const int length = SetRegisterData(QString(), ABCL_BIT_A, text, 1, &values, count, 4, 0);
+
+        ASSERT_EQ(length, expected) << "run " << run;
+        ASSERT_EQ(PLC_driver.writeList.size(), model.size()) << "run " << run;
+        for (int i = 0; i < model.size(); ++i)
+            ExpectSameRecord(model.at(i), PLC_driver.writeList.at(i));
+        ASSERT_TRUE(std::equal(modelArea.begin(), modelArea.end(), PLC_driver.areaA))
+            << "run " << run;
+    }
 }
 
 }  // namespace
