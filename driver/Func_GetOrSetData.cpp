@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <unordered_map>
 
 namespace {
 
@@ -210,7 +211,20 @@ int QueueBitWrites(RW_VAR* w, int32_t first, const QByteArray& values, int count
     int length = 0;
     for (int i = 0; i < count; ++i) {
         if (length >= kQueueLimit) {
-            const int full = ReplaceQueuedBitsIfFull(*w, first, i, count, values);
+            // Bit `index` of the write is at first + index.
+            const int full = ReplaceQueuedWritesIfFull(*w, [&](const RW_VAR& queued, RW_VAR* bit) {
+                const uint32_t index =
+                    static_cast<uint32_t>(queued.address) - static_cast<uint32_t>(first);
+                if (queued.count != 1 || index < static_cast<uint32_t>(i) ||
+                    index >= static_cast<uint32_t>(count))
+                    return false;
+                bit->count = 1;
+                bit->address = queued.address;
+                bit->data = QByteArray(1, index < static_cast<uint32_t>(values.size())
+                                              ? values.at(static_cast<int>(index))
+                                              : '\0');
+                return true;
+            });
             if (full >= 0) {
                 MirrorBits(*w, first, i, count, values);
                 return full;
@@ -219,6 +233,66 @@ int QueueBitWrites(RW_VAR* w, int32_t first, const QByteArray& values, int count
         w->count = 1;
         w->address = Wrap32(static_cast<int64_t>(first) + i);
         w->data = QByteArray(1, i < values.size() ? values.at(i) : '\0');
+        length = QueueWrite(w);
+    }
+    return length;
+}
+
+// Piece k of a word write: the address advances by maxCount elements and the
+// byte offset by two bytes per count unit, also for 32-bit values.
+void MakeWordPiece(RW_VAR* w, int32_t first, const QByteArray& values, const PieceSplit& split,
+                   int maxCount, int k) {
+    const int64_t offset = static_cast<int64_t>(k) * maxCount;
+    w->address = Wrap32(first + offset);
+    w->count = (k == split.pieces - 1) ? split.lastCount : maxCount;
+    w->data = SliceZeroPadded(values, 2 * offset, 2 * static_cast<int64_t>(w->count));
+}
+
+// Pieces [next, pieces) of a word write, by place and size, each mapped to
+// the last piece with that place and size (which a piece queued on its own
+// after the others would leave in the queue). Made outside listMutex.
+std::unordered_map<uint64_t, int> LastPieceByPlace(int32_t first, const PieceSplit& split,
+                                                   int maxCount, int next) {
+    std::unordered_map<uint64_t, int> last;
+    for (int k = next; k < split.pieces; ++k) {
+        const int32_t address = Wrap32(first + static_cast<int64_t>(k) * maxCount);
+        const int32_t count = (k == split.pieces - 1) ? split.lastCount : maxCount;
+        last[(uint64_t{static_cast<uint32_t>(address)} << 32) | static_cast<uint32_t>(count)] = k;
+    }
+    return last;
+}
+
+// Every piece is its own write request; once the queue is full the rest can
+// only replace queued writes of the same place and size, matched in one pass
+// over the queue.
+int QueueWordWrites(RW_VAR* w, int32_t first, const QByteArray& values, const PieceSplit& split,
+                    int maxCount) {
+    int length = 0;
+    for (int k = 0; k < split.pieces; ++k) {
+        if (length >= kQueueLimit) {
+            const std::unordered_map<uint64_t, int> last =
+                LastPieceByPlace(first, split, maxCount, k);
+            const int full =
+                ReplaceQueuedWritesIfFull(*w, [&](const RW_VAR& queued, RW_VAR* piece) {
+                    const auto found =
+                        last.find((uint64_t{static_cast<uint32_t>(queued.address)} << 32) |
+                                  static_cast<uint32_t>(queued.count));
+                    if (found == last.end()) return false;
+                    MakeWordPiece(piece, first, values, split, maxCount, found->second);
+                    return true;
+                });
+            if (full >= 0) {
+                // While the link is failing each piece shows in the image at
+                // once, in order.
+                for (; k < split.pieces; ++k) {
+                    if (!commErrorSet()) continue;
+                    MakeWordPiece(w, first, values, split, maxCount, k);
+                    WriteDataToLocal(w);
+                }
+                return full;
+            }
+        }
+        MakeWordPiece(w, first, values, split, maxCount, k);
         length = QueueWrite(w);
     }
     return length;
@@ -259,20 +333,9 @@ int HandInValues(const QString& addr2, int dataType, const QString& addr, int st
     }
 
     if (dataType >= ABCL_WORD_A && dataType <= ABCL_REAL) {
-        const int maxCount = s.maxCount;
-        const PieceSplit split = SplitIntoPieces(count, maxCount);
+        const PieceSplit split = SplitIntoPieces(count, s.maxCount);
         if (split.pieces == 0) return 0;
-        int length = 0;
-        for (int k = 0; k < split.pieces; ++k) {
-            // The address advances by maxCount elements and the byte offset by two
-            // bytes per count unit, also for 32-bit values.
-            const int64_t first = static_cast<int64_t>(k) * maxCount;
-            w.address = Wrap32(a + first);
-            w.count = (k == split.pieces - 1) ? split.lastCount : maxCount;
-            w.data = SliceZeroPadded(values, 2 * first, 2 * static_cast<int64_t>(w.count));
-            length = QueueWrite(&w);
-        }
-        return length;
+        return QueueWordWrites(&w, a, values, split, s.maxCount);
     }
     return 0;
 }

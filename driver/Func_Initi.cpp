@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <unordered_set>
 #include <vector>
 
@@ -368,28 +369,24 @@ int QueueWriteRequest(RW_VAR* var, int mode) {
     return d.writeList.size();
 }
 
-int ReplaceQueuedBitsIfFull(const RW_VAR& bit, int32_t first, int next, int count,
-                            const QByteArray& values) {
+int ReplaceQueuedWritesIfFull(const RW_VAR& write,
+                              const std::function<bool(const RW_VAR&, RW_VAR*)>& replacement) {
     AB_ControlLogix_CompactLogix& d = PLC_driver;
     DriverLock lock(&d.listMutex);
     if (d.writeList.size() < kQueueLimit) return -1;
-    // Bit `index` of the write is at first + index; a queued write of one
-    // bit at the same place, station and type is its "same write". Only the
-    // first such entry after the one on the wire is replaced, as a bit queued
-    // on its own would replace it.
-    std::unordered_set<uint32_t> replaced;
+    // Of several queued writes with the same place and size, only the first
+    // after the one on the wire is replaced, as a write queued on its own
+    // would replace it.
+    std::unordered_set<uint64_t> replaced;
     for (int j = 1; j < d.writeList.size(); ++j) {
         const RW_VAR& e = d.writeList.at(j);
-        if (e.station != bit.station || e.dataType != bit.dataType || e.count != 1) continue;
-        const uint32_t index = static_cast<uint32_t>(e.address) - static_cast<uint32_t>(first);
-        if (index < static_cast<uint32_t>(next) || index >= static_cast<uint32_t>(count)) continue;
-        if (!replaced.insert(index).second) continue;
-        RW_VAR value = bit;
-        value.count = 1;
-        value.address = e.address;
-        value.data = QByteArray(1, index < static_cast<uint32_t>(values.size())
-                                       ? values.at(static_cast<int>(index))
-                                       : '\0');
+        if (e.station != write.station || e.dataType != write.dataType) continue;
+        const uint64_t key =
+            (uint64_t{static_cast<uint32_t>(e.address)} << 32) | static_cast<uint32_t>(e.count);
+        if (replaced.count(key)) continue;
+        RW_VAR value = write;
+        if (!replacement(e, &value)) continue;
+        replaced.insert(key);
         d.writeList[j] = value;
     }
     return d.writeList.size();

@@ -10,6 +10,7 @@
 #include <QtCore/QMutex>
 
 #include <cstdint>
+#include <functional>
 
 #if defined(__SANITIZE_THREAD__)
 #define ABCL_TSAN 1
@@ -141,13 +142,16 @@ Result AtTheBoundary(Result nothingDone, Body body) noexcept {
 // calls an exported name, so no other library loaded into the host can take
 // those calls over.
 int QueueWriteRequest(RW_VAR* var, int mode);
-// For a bit write whose bits [next, count) from `first` on are still to be
-// queued one by one: when the write queue is full none of them can be
-// appended, and each can only replace a queued write of the same bit, so the
-// queue's entries are looked at instead of the bits. Returns the queue's
-// length then, or -1 (having done nothing) while the queue has room.
-int ReplaceQueuedBitsIfFull(const RW_VAR& bit, int32_t first, int next, int count,
-                            const QByteArray& values);
+// For a write whose remaining pieces are still to be queued one by one: when
+// the write queue is full none of them can be appended, and each can only
+// replace a queued write of the same place and size, so the queue's entries
+// are looked at instead of the pieces. For each entry after the one on the
+// wire with the write's station and type, `replacement` fills in the piece
+// that would replace it (starting from `write`) and says whether there is
+// one. Returns the queue's length then, or -1 (having done nothing) while the
+// queue has room.
+int ReplaceQueuedWritesIfFull(const RW_VAR& write,
+                              const std::function<bool(const RW_VAR&, RW_VAR*)>& replacement);
 
 // Returns the driver object to its state right after loading (lists empty,
 // areas zeroed, mode 100, a fresh transaction number) and forgets the settings

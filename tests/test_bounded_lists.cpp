@@ -9,6 +9,7 @@
 // Bit writes: SetRegisterData of many bits leaves the write queue, the image
 // and its result exactly as queuing every bit on its own would, although the
 // driver looks at the queue's entries instead of the bits once it is full.
+// Word writes of many pieces: the same, piece by piece.
 #include "test_support.h"
 
 #include "Func_GetOrSetData.h"
@@ -231,6 +232,77 @@ TEST(BoundedBitWrites, ManyBits_QueueImageAndResultAsBitByBit) {
         for (int i = 0; i < model.size(); ++i)
             ExpectSameRecord(model.at(i), PLC_driver.writeList.at(i));
         ASSERT_TRUE(std::equal(modelArea.begin(), modelArea.end(), PLC_driver.areaA))
+            << "run " << run;
+    }
+}
+
+// Every piece of a word write queued on its own, and mirrored into the
+// (model) area while the link is failing.
+int ModelWordWrites(QList<RW_VAR>& queue, uint16_t* area, RW_VAR w, int32_t first,
+                    const QByteArray& values, int count, int maxCount, bool failing) {
+    const PieceSplit split = SplitIntoPieces(count, maxCount);
+    int length = 0;
+    for (int k = 0; k < split.pieces; ++k) {
+        const int64_t offset = static_cast<int64_t>(k) * maxCount;
+        w.address = Wrap(first + offset);
+        w.count = (k == split.pieces - 1) ? split.lastCount : maxCount;
+        QByteArray data(2 * w.count, '\0');
+        for (int b = 0; b < data.size(); ++b) {
+            const int64_t from = 2 * offset + b;
+            if (from >= 0 && from < values.size()) data[b] = values.at(static_cast<int>(from));
+        }
+        w.data = data;
+        length = ModelQueueWrite(queue, w);
+        if (failing) SetWordToUS(w.address, area, w.data, w.count);
+    }
+    return length;
+}
+
+TEST(BoundedWordWrites, ManyPieces_QueueImageAndResultAsPieceByPiece) {
+    static const int kCounts[] = {1, 40, 1000, 1025, 5000, 70000};
+    static const int kMaxCounts[] = {1, 2, 3, 32, 65536, 1 << 30};
+    Draw draw(8u);
+    static std::vector<uint16_t> modelArea(kAreaElements);
+    for (int run = 0; run < 40; ++run) {
+        const int maxCount = draw.pick(kMaxCounts);
+        WireFreshDriver(g_info, maxCount);
+        const bool failing = draw.below(2) == 0;
+        setCommError(failing);
+        const int prefill = static_cast<int>(draw.below(1100));
+        for (int i = 0; i < prefill; ++i) {
+            RW_VAR e;
+            e.station = 1;
+            e.dataType = ABCL_WORD_B;
+            e.count = draw.below(3) == 0 ? 2 : maxCount;
+            e.address = static_cast<int32_t>(7 * 256 + maxCount * draw.below(3000));
+            e.data = QByteArray(2, '\x07');
+            AddListWriteVar(&e, draw.below(4) == 0 ? 1 : 0);
+        }
+        QList<RW_VAR> model = PLC_driver.writeList;
+        std::copy(PLC_driver.areaB, PLC_driver.areaB + kAreaElements, modelArea.begin());
+
+        const int count = draw.pick(kCounts);
+        QByteArray values(static_cast<int>(draw.below(2 * static_cast<uint32_t>(count) + 3)), '\0');
+        for (int i = 0; i < values.size(); ++i) values[i] = static_cast<char>(draw.below(256));
+        const QString text = QStringLiteral("7:%1").arg(draw.below(256));
+        const int first = StringAddressToInt(ABCL_WORD_B, text);
+
+        RW_VAR w;
+        w.varId = 4;
+        w.varSubId = 0;
+        w.aux2 = 1;
+        w.addrText = text;
+        w.dataType = ABCL_WORD_B;
+        w.station = 1;
+        const int expected =
+            ModelWordWrites(model, modelArea.data(), w, first, values, count, maxCount, failing);
+        const int length = SetRegisterData(QString(), ABCL_WORD_B, text, 1, &values, count, 4, 0);
+
+        ASSERT_EQ(length, expected) << "run " << run;
+        ASSERT_EQ(PLC_driver.writeList.size(), model.size()) << "run " << run;
+        for (int i = 0; i < model.size(); ++i)
+            ExpectSameRecord(model.at(i), PLC_driver.writeList.at(i));
+        ASSERT_TRUE(std::equal(modelArea.begin(), modelArea.end(), PLC_driver.areaB))
             << "run " << run;
     }
 }
