@@ -16,9 +16,12 @@
 #include <QtCore/QString>
 
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ostream>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 using namespace hostsim;
@@ -290,6 +293,120 @@ TEST(Options, TagFileTakesOneTagALineWithComments) {
     EXPECT_EQ(tags[1].display(), "B3:0/5");
     EXPECT_EQ(tags[2].display(), "F8:0 x4");
     EXPECT_EQ(tags[3].display(), "N10:0 x2");
+}
+
+// ---- numbers and input limits ---------------------------------------------------
+
+// The value an option takes, or the reason it is refused.
+std::string OptionOutcome(const std::string& name, const std::string& value, int Options::*field) {
+    Options o;
+    std::string error;
+    if (!ParseOptions({name, value}, &o, &error)) return error;
+    return std::to_string(o.*field);
+}
+
+TEST(Options, NumbersAtTheEdgesOfEachOption) {
+    EXPECT_EQ(OptionOutcome("--write-mode", "2147483647", &Options::writeMode), "2147483647");
+    EXPECT_EQ(OptionOutcome("--write-mode", "-2147483648", &Options::writeMode), "-2147483648");
+    EXPECT_EQ(OptionOutcome("--write-mode", "2147483648", &Options::writeMode),
+              "option --write-mode: '2147483648' is not a number from -2147483648 to 2147483647");
+    EXPECT_EQ(OptionOutcome("--local-link", "-2147483649", &Options::localLink),
+              "option --local-link: '-2147483649' is not a number from -2147483648 to "
+              "2147483647");
+    EXPECT_EQ(OptionOutcome("--station", "255", &Options::station), "255");
+    EXPECT_EQ(OptionOutcome("--station", "256", &Options::station),
+              "option --station: '256' is not a number from 0 to 255");
+    EXPECT_EQ(OptionOutcome("--timeout-ms", "007", &Options::timeoutMs), "7");
+    // What a C library reader would take (blanks, a plus, a base, a tail)
+    // or wrap (too many digits) is refused.
+    for (const char* text : {"", "+5", " 5", "5 ", "5x", "0x10", "-1", "99999999999999999999"})
+        EXPECT_NE(OptionOutcome("--timeout-ms", text, &Options::timeoutMs).find("is not a number"),
+                  std::string::npos)
+            << "'" << text << "'";
+}
+
+TEST(Options, ExchangesTakeSixtyFourBitCounts) {
+    Options o;
+    std::string error;
+    ASSERT_TRUE(ParseOptions({"--exchanges", "99999999999"}, &o, &error)) << error;
+    EXPECT_EQ(o.exchanges, 99999999999u);
+    EXPECT_FALSE(ParseOptions({"--exchanges", "9223372036854775808"}, &o, &error));
+    EXPECT_FALSE(ParseOptions({"--exchanges", "-1"}, &o, &error));
+}
+
+// A file in a fresh directory, removed with it.
+class TagFiles : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/hostsim_tags_XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        dir_ = dir;
+    }
+    void TearDown() override {
+        for (const std::string& f : files_) unlink(f.c_str());
+        rmdir(dir_.c_str());
+    }
+    std::string Write(const std::string& name, const std::string& content) {
+        const std::string path = dir_ + "/" + name;
+        FILE* f = std::fopen(path.c_str(), "wb");
+        EXPECT_NE(f, nullptr);
+        if (f) {
+            std::fwrite(content.data(), 1, content.size(), f);
+            std::fclose(f);
+        }
+        files_.push_back(path);
+        return path;
+    }
+    // The reason the file is refused; "" when it is read.
+    static std::string Refusal(const std::string& path, std::size_t* tagCount = nullptr) {
+        std::vector<TagAddress> tags;
+        std::string error;
+        const bool ok = ReadTagFile(path, &tags, &error);
+        if (tagCount) *tagCount = tags.size();
+        return ok ? "" : error;
+    }
+
+    std::string dir_;
+    std::vector<std::string> files_;
+};
+
+TEST_F(TagFiles, EndlessZerosAreRefusedAtOnce) {
+    EXPECT_EQ(Refusal("/dev/zero"), "/dev/zero:1: not a text file (byte 0x00)");
+}
+
+TEST_F(TagFiles, BinaryFileIsRefusedWithItsLine) {
+    const std::string path = Write("binary", std::string("N7:0\nN7:1\n\x7f\x45\x4c\x46\x02", 15));
+    EXPECT_EQ(Refusal(path), path + ":3: not a text file (byte 0x7F)");
+}
+
+TEST_F(TagFiles, LineLongerThanTheLimitIsRefused) {
+    const std::string longest = "N7:0" + std::string(kMaxLineLength - 4, ' ') + "\n";
+    std::size_t tags = 0;
+    EXPECT_EQ(Refusal(Write("longest", longest), &tags), "");
+    EXPECT_EQ(tags, 1u);
+    const std::string path = Write("huge", "N7:0\n# " + std::string(kMaxLineLength, 'x') + "\n");
+    EXPECT_EQ(Refusal(path), path + ":2: line longer than 4096 characters");
+}
+
+TEST_F(TagFiles, MoreTagsThanTheLimitAreRefused) {
+    std::string lines;
+    for (std::size_t i = 0; i < kMaxTags; ++i) lines += "N7:0\n";
+    std::size_t tags = 0;
+    EXPECT_EQ(Refusal(Write("most", lines), &tags), "");
+    EXPECT_EQ(tags, kMaxTags);
+    const std::string path = Write("too_many", lines + "N7:1\n");
+    EXPECT_EQ(Refusal(path), path + ": more than 100000 tags");
+}
+
+TEST_F(TagFiles, FileLargerThanTheLimitIsRefused) {
+    // Blank lines hold no tags, so only the size can refuse them.
+    const std::string path = Write("large", std::string(kMaxTagFileBytes + 1, '\n'));
+    EXPECT_EQ(Refusal(path), path + ": larger than 16777216 bytes");
+}
+
+TEST_F(TagFiles, DirectoryIsNotATagFile) {
+    EXPECT_NE(Refusal(dir_).find("cannot read tag file " + dir_ + ": "), std::string::npos)
+        << Refusal(dir_);
 }
 
 TEST(Options, EveryTermiosRateIsAccepted) {

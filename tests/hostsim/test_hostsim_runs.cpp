@@ -319,7 +319,19 @@ INSTANTIATE_TEST_SUITE_P(
                    {"--port", "/nonexistent/ttyX"},
                    4,
                    "hostsim: cannot open port /nonexistent/ttyX"},
-        RefusalRow{"PortThatIsNotATerminal", {"--port", "/dev/null"}, 4, "not a terminal device"}),
+        RefusalRow{"PortThatIsNotATerminal", {"--port", "/dev/null"}, 4, "not a terminal device"},
+        RefusalRow{"EndlessTagFile",
+                   {"--tags", "/dev/zero"},
+                   2,
+                   "hostsim: /dev/zero:1: not a text file (byte 0x00)"},
+        RefusalRow{"BinaryTagFile",
+                   {"--tags", HOSTSIM_PATH},
+                   2,
+                   HOSTSIM_PATH ":1: not a text file (byte 0x7F)"},
+        RefusalRow{"NumberThatWouldWrap",
+                   {"--station", "99999999999999999999"},
+                   2,
+                   "'99999999999999999999' is not a number from 0 to 255"}),
     [](const ::testing::TestParamInfo<RefusalRow>& row) { return std::string(row.param.name); });
 
 TEST(HostsimRuns, HelpListsTheOptionsAndExitsZero) {
@@ -345,10 +357,33 @@ TEST(HostsimRuns, HelpListsTheOptionsAndExitsZero) {
                                "--cip-errors-fail",
                                "--keep-reply-done",
                                "--plain",
+                               "--log-exchanges",
                                "--interval-ms",
                                "--sim-set",
                                "--sim-drop-every",
                                "--sim-corrupt-every",
                                "--sim-truncate-every"})
         EXPECT_TRUE(run.contains(option)) << option;
+}
+
+TEST(HostsimRuns, LogExchangesShowsEveryExchangeAndTheValuesAfterIt) {
+    const HostsimRun run = RunHostsim(With({"--sim-set", "N7:0=7,8", "--tag", "N7:0 x2", "--write",
+                                            "N7:5=3", "--exchanges", "8", "--log-exchanges"}));
+    ASSERT_EQ(run.exitCode, 0) << run.output;
+    EXPECT_TRUE(run.matches(
+        R"(event \[ *[0-9.]+ s\] exchange 1: write N7:5, reply, result 1 good \| N7:0 x2 = )"))
+        << run.output;
+    EXPECT_TRUE(run.matches(R"(exchange [2-8]: read N7:0 x2 learning, reply, result )"))
+        << run.output;
+    EXPECT_TRUE(
+        run.matches(R"(exchange [2-8]: read N7:0 x2, reply, result 1 good \| N7:0 x2 = 7 8\n)"))
+        << run.output;
+    EXPECT_TRUE(run.contains("exchange 8: ")) << run.output;
+    EXPECT_FALSE(run.contains("exchange 9: ")) << run.output;
+}
+
+TEST(HostsimRuns, WithoutLogExchangesNoExchangeIsLogged) {
+    const HostsimRun run = RunHostsim(With({"--tag", "N7:0", "--exchanges", "4"}));
+    ASSERT_EQ(run.exitCode, 0) << run.output;
+    EXPECT_FALSE(run.contains("exchange 1: ")) << run.output;
 }

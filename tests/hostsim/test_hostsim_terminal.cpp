@@ -141,3 +141,29 @@ TEST(HostsimTerminal, CtrlCEndsTheRunCleanly) {
     EXPECT_NE(session.output().find("stopped after a signal"), std::string::npos)
         << session.output();
 }
+
+TEST(HostsimTerminal, LineLongerThanTheLimitIsIgnoredWhole) {
+    TerminalSession session("--baud 115200 --tag N7:0");
+    ASSERT_TRUE(session.started());
+    ASSERT_TRUE(session.waitFor("1 good")) << session.output();
+    // Typed in pieces the terminal's input buffer holds, each waited for
+    // by its redraw, so neither side ever blocks on a full buffer.
+    constexpr std::size_t kPiece = 1000;
+    constexpr std::size_t kTyped = 5000;  // past the 4,096-character limit
+    for (std::size_t typed = 0; typed < kTyped; typed += kPiece) {
+        const std::size_t mark = session.output().size();
+        session.type(std::string(kPiece, '7'));
+        ASSERT_TRUE(session.waitFor("\x1b[H", mark)) << "after " << typed;
+    }
+    std::size_t mark = session.output().size();
+    session.type("=1\r");
+    ASSERT_TRUE(session.waitFor("input line longer than 4096 characters ignored", mark))
+        << session.output().substr(mark);
+    // The prompt goes on as before.
+    mark = session.output().size();
+    session.type("N7:3=5\r");
+    ASSERT_TRUE(session.waitFor("write N7:3=5: result 1 good", mark)) << session.output();
+    session.type("quit\r");
+    EXPECT_EQ(session.finish(), 0);
+    EXPECT_EQ(session.output().find("unknown command '777"), std::string::npos);
+}

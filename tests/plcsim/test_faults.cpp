@@ -246,3 +246,89 @@ TEST(Counters, CountBadOverflowAndPartial) {
     EXPECT_EQ(controller.receive(frame, 0).size(), 1u);
     EXPECT_EQ(controller.counters().framesReceived, 1u);
 }
+
+// ---- noise before the reply ----------------------------------------------
+
+namespace {
+
+// True when the bytes hold DLE STX anywhere.
+bool HoldsFrameStart(const Bytes& bytes) {
+    for (std::size_t i = 0; i + 1 < bytes.size(); ++i)
+        if (bytes[i] == df1::kDle && bytes[i + 1] == df1::kStx) return true;
+    return false;
+}
+
+// The reply a controller without faults gives the write frame.
+Bytes CleanReply() {
+    TagMemory memory;
+    Controller controller(memory);
+    return OnlyReply(controller, WriteFrame());
+}
+
+}  // namespace
+
+TEST_F(FaultTest, NoiseGoesBeforeTheReplyAndNeverStartsAFrame) {
+    FaultPlan plan;
+    plan.noise.every = 1;
+    plan.noiseBytes = 64;
+    plan.noiseSeed = 7;
+    controller.setFaults(plan);
+    const Bytes clean = CleanReply();
+    // Many bursts: DLE and STX each come about once in 256 bytes.
+    constexpr int kBursts = 200;
+    for (int i = 0; i < kBursts; ++i) {
+        const Bytes sent = SendOne().bytes;
+        ASSERT_EQ(sent.size(), plan.noiseBytes + clean.size());
+        const Bytes noise(sent.begin(), sent.begin() + plan.noiseBytes);
+        EXPECT_EQ(Bytes(sent.begin() + plan.noiseBytes, sent.end()), clean);
+        EXPECT_FALSE(HoldsFrameStart(noise)) << ToHex(noise);
+        EXPECT_NE(noise.back(), df1::kDle) << ToHex(noise);
+        // The host's ear still finds the reply's own frame behind the noise.
+        Df1Receiver ear(Side::kReplies);
+        std::optional<Df1Event> frame;
+        for (uint8_t b : sent)
+            if (auto event = ear.push(b); event && event->complete()) frame = event;
+        ASSERT_TRUE(frame);
+        EXPECT_EQ(frame->kind, Df1Event::Kind::kFrame);
+        EXPECT_EQ(frame->body, FirstBody(clean));
+    }
+    EXPECT_EQ(controller.counters().noise, static_cast<uint64_t>(kBursts));
+}
+
+TEST_F(FaultTest, NoiseEveryThirdLeavesTheOthersClean) {
+    FaultPlan plan;
+    plan.noise.every = 3;
+    plan.noiseBytes = 5;
+    controller.setFaults(plan);
+    const std::size_t clean = CleanReply().size();
+    std::vector<std::size_t> sizes;
+    for (int i = 0; i < 6; ++i) sizes.push_back(SendOne().bytes.size());
+    EXPECT_EQ(sizes, (std::vector<std::size_t>{clean, clean, clean + 5, clean, clean, clean + 5}));
+    EXPECT_EQ(controller.counters().noise, 2u);
+}
+
+TEST(Noise, RepeatsFromItsSeed) {
+    const auto bursts = [](uint32_t seed) {
+        TagMemory memory;
+        Controller controller(memory);
+        FaultPlan plan;
+        plan.noise.every = 1;
+        plan.noiseSeed = seed;
+        controller.setFaults(plan);
+        Bytes all;
+        for (int i = 0; i < 5; ++i) all = Concat(all, OnlyReply(controller, WriteFrame()));
+        return all;
+    };
+    EXPECT_EQ(bursts(11), bursts(11));
+    EXPECT_NE(bursts(11), bursts(12));
+}
+
+TEST_F(FaultTest, SettingTheSamePlanAgainContinuesTheNoise) {
+    // A plan re-armed before each exchange (as the end-to-end tests do) must
+    // not replay one burst for ever.
+    FaultPlan plan;
+    plan.noise.next = 1;
+    const Bytes first = (controller.setFaults(plan), SendOne().bytes);
+    const Bytes second = (controller.setFaults(plan), SendOne().bytes);
+    EXPECT_NE(first, second);
+}

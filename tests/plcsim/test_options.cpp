@@ -214,9 +214,64 @@ TEST(Options, UsageNamesEveryOption) {
                              "--truncate-bytes",
                              "--late-ms",
                              "--wrong-tns-every",
+                             "--noise-every",
+                             "--noise-next",
+                             "--noise-bytes",
+                             "--noise-seed",
+                             "--restart-after",
                              "--silence",
                              "--duration",
                              "--quiet",
                              "--help"})
         EXPECT_NE(usage.find(name), std::string::npos) << name;
+}
+
+TEST(Options, LineFaultSwitches) {
+    const Options o = Parsed({"--noise-every", "7", "--noise-next", "2", "--noise-bytes", "4096",
+                              "--noise-seed", "4294967295", "--restart-after", "50"});
+    EXPECT_EQ(o.faults.noise.every, 7u);
+    EXPECT_EQ(o.faults.noise.next, 2u);
+    EXPECT_EQ(o.faults.noiseBytes, 4096u);
+    EXPECT_EQ(o.faults.noiseSeed, 4294967295u);
+    EXPECT_EQ(o.server.restartAfterReplies, 50u);
+    const Options defaults = Parsed({});
+    EXPECT_FALSE(defaults.faults.noise.active());
+    EXPECT_EQ(defaults.faults.noiseBytes, 8u);
+    EXPECT_EQ(defaults.server.restartAfterReplies, 0u);
+    const std::string noiseBytes = "--noise-bytes wants 1 to 4096";
+    EXPECT_EQ(Refusal({"--noise-bytes", "0"}), noiseBytes);
+    EXPECT_EQ(Refusal({"--noise-bytes", "4097"}), noiseBytes);
+    EXPECT_EQ(Refusal({"--noise-bytes"}), noiseBytes);
+    EXPECT_EQ(Refusal({"--restart-after", "-1"}), "bad or missing value for --restart-after");
+}
+
+// The 32-bit options at and past their limit, and texts that are not plain
+// numbers: one parser for every tool, the same on a 32-bit panel.
+TEST(Options, ThirtyTwoBitValuesAtTheirEdges) {
+    EXPECT_EQ(Parsed({"--turnaround", "2147483647"}).server.turnaroundMs, 2147483647u);
+    EXPECT_EQ(Parsed({"--turnaround", "2147483648"}).server.turnaroundMs, 2147483648u);
+    EXPECT_EQ(Parsed({"--drop-every", "4294967295"}).faults.drop.every, 4294967295u);
+    EXPECT_EQ(Parsed({"--gap", "0004294967295"}).server.gapResetMs, 4294967295u);
+    for (const char* text :
+         {"4294967296", "9999999999", "99999999999999999999", "-1", "", "+5", " 5", "5x", "0x10"})
+        EXPECT_EQ(Refusal({"--late-ms", text}), "bad or missing value for --late-ms") << text;
+    for (const char* text : {"2147483648", "99999999999999999999", "-0"})
+        EXPECT_NE(Refusal({"--baud", text}).find("--baud wants"), std::string::npos) << text;
+}
+
+TEST(Options, TagMemoryIsLimited) {
+    // 64 REAL files of 65,535 elements: just under 16 MiB.
+    std::vector<std::string> args;
+    for (int file = 0; file < 64; ++file) {
+        args.push_back("--file");
+        args.push_back("F" + std::to_string(file) + ":65535");
+    }
+    EXPECT_EQ(Parsed(args).files.size(), 64u);
+    // The same file again replaces the first: still within the limit.
+    args.push_back("--file");
+    args.push_back("F0:65535");
+    EXPECT_EQ(Parsed(args).files.size(), 65u);
+    args.push_back("--file");
+    args.push_back("N0:65535");
+    EXPECT_EQ(Refusal(args), "the --file options ask for more than 16777216 bytes of tag memory");
 }

@@ -7,6 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <memory>
+#include <poll.h>
 #include <sstream>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -203,4 +207,144 @@ TEST(Program, FaultOptionsReachTheController) {
     EXPECT_EQ(p.wait(), 0);
     EXPECT_NE(p.err().find("corrupted 1"), std::string::npos);
     EXPECT_NE(p.err().find("wrong-tns 1"), std::string::npos);
+}
+
+// ---- the line going away and coming back -------------------------------------
+
+namespace {
+
+constexpr std::size_t kWriteReply = 27;
+// How long a test waits for plcsim to serve again after its line went away:
+// the back-off reaches 2 s between attempts only after 3 s.
+constexpr int64_t kComeBackMs = 10000;
+// A bounded pause between tries to open a path that is not there yet.
+constexpr int kRetryPauseMs = 20;
+
+const Bytes& WriteFrame() {
+    static const Bytes frame = Hex(kDriverFrames[7].hex);  // B3:0 = 5, TNS 0x42
+    return frame;
+}
+
+// Opens path and sends the write until a whole reply comes back, or
+// kComeBackMs pass.
+bool AnsweredAgain(const std::string& path) {
+    const int64_t deadline = peer::MonotonicMs() + kComeBackMs;
+    while (peer::MonotonicMs() < deadline) {
+        LineClient client(path);
+        if (client.ok() && client.send(WriteFrame()) &&
+            client.receive(kWriteReply, 200).size() == kWriteReply)
+            return true;
+        poll(nullptr, 0, kRetryPauseMs);
+    }
+    return false;
+}
+
+// The master of a pseudo-terminal made by the test, whose peer plcsim opens
+// as a serial device through a symbolic link; closing the master makes the
+// device vanish under plcsim, as an unplugged adapter does.
+class DeviceStandIn {
+public:
+    explicit DeviceStandIn(const std::string& link) {
+        master_ = posix_openpt(O_RDWR | O_NOCTTY);
+        // Not inherited by plcsim, or closing it here would not close it.
+        if (master_ >= 0) fcntl(master_, F_SETFD, FD_CLOEXEC);
+        char name[128] = {};
+        if (master_ < 0 || grantpt(master_) != 0 || unlockpt(master_) != 0 ||
+            ptsname_r(master_, name, sizeof name) != 0)
+            return;
+        peer::ConfigureRaw(master_, 19200, 1, nullptr);
+        // Replaced in one step, so plcsim never finds a half-made link.
+        const std::string temporary = link + ".new";
+        unlink(temporary.c_str());
+        if (symlink(name, temporary.c_str()) == 0) rename(temporary.c_str(), link.c_str());
+    }
+    ~DeviceStandIn() { vanish(); }
+    void vanish() {
+        if (master_ >= 0) close(master_);
+        master_ = -1;
+    }
+    bool ok() const { return master_ >= 0; }
+    // The controller's replies arrive here; requests are written here.
+    LineClient client() const { return LineClient::OnDescriptor(master_); }
+
+private:
+    int master_ = -1;
+};
+
+// Writes the request until plcsim (which may still be opening the device,
+// flushing what came before) answers it.
+bool DeviceAnswers(const DeviceStandIn& device) {
+    LineClient client = device.client();
+    const int64_t deadline = peer::MonotonicMs() + kComeBackMs;
+    while (peer::MonotonicMs() < deadline)
+        if (client.send(WriteFrame()) && client.receive(kWriteReply, 200).size() == kWriteReply)
+            return true;
+    return false;
+}
+
+}  // namespace
+
+TEST(Program, RestartAfterMakesANewPseudoTerminalBehindTheLink) {
+    const std::string link = testing::TempDir() + "plcsim_restart_" + std::to_string(getpid());
+    Program p({"--print-path", "--link", link, "--baud", "0", "--turnaround", "0", "--no-live",
+               "--restart-after", "2"});
+    ASSERT_TRUE(p.started());
+    ASSERT_FALSE(p.firstLine().empty());
+    {
+        LineClient client(link);
+        ASSERT_TRUE(client.ok());
+        for (int i = 0; i < 2; ++i) {
+            ASSERT_TRUE(client.send(WriteFrame()));
+            EXPECT_EQ(client.receive(kWriteReply).size(), kWriteReply);
+        }
+        // The third request meets the restart: the line hangs up unanswered.
+        ASSERT_TRUE(client.send(WriteFrame()));
+        EXPECT_TRUE(client.receive(kWriteReply, 500).empty());
+    }
+    EXPECT_TRUE(AnsweredAgain(link));
+    p.signal(SIGTERM);
+    EXPECT_EQ(p.wait(), 0);
+    EXPECT_NE(p.err().find("restarting the line after 2 replies"), std::string::npos) << p.err();
+    EXPECT_NE(p.err().find("replies 3"), std::string::npos) << p.err();
+    EXPECT_NE(p.err().find("restarts 1"), std::string::npos) << p.err();
+    struct stat st;
+    EXPECT_NE(lstat(link.c_str(), &st), 0) << "the link is removed at the end";
+}
+
+TEST(Program, DeviceThatVanishesIsReopened) {
+    const std::string link = testing::TempDir() + "plcsim_device_" + std::to_string(getpid());
+    auto device = std::make_unique<DeviceStandIn>(link);
+    ASSERT_TRUE(device->ok());
+    Program p({"--device", link, "--baud", "19200", "--turnaround", "0", "--no-live"});
+    ASSERT_TRUE(p.started());
+    ASSERT_TRUE(DeviceAnswers(*device));
+    device->vanish();
+    // While nothing is behind the link plcsim keeps trying; a new device
+    // behind it is served again.
+    device = std::make_unique<DeviceStandIn>(link);
+    ASSERT_TRUE(device->ok());
+    EXPECT_TRUE(DeviceAnswers(*device));
+    p.signal(SIGTERM);
+    EXPECT_EQ(p.wait(), 0) << p.err();
+    EXPECT_NE(p.err().find("line lost ("), std::string::npos) << p.err();
+    EXPECT_NE(p.err().find(link + " reopened after"), std::string::npos) << p.err();
+    EXPECT_NE(p.err().find("reopened 1"), std::string::npos) << p.err();
+    device.reset();
+    unlink(link.c_str());
+}
+
+TEST(Program, NoiseGoesOutBeforeTheReply) {
+    Program p({"--print-path", "--baud", "0", "--turnaround", "0", "--noise-next", "1",
+               "--noise-bytes", "6", "--noise-seed", "3"});
+    LineClient client(p.firstLine());
+    ASSERT_TRUE(client.send(WriteFrame()));
+    const Bytes first = client.receive(6 + kWriteReply);
+    ASSERT_TRUE(client.send(WriteFrame()));
+    const Bytes second = client.receive(kWriteReply);
+    ASSERT_EQ(first.size(), 6 + kWriteReply) << ToHex(first);
+    EXPECT_EQ(Bytes(first.begin() + 6, first.end()), second);
+    EXPECT_TRUE(client.quiet(100));
+    p.signal(SIGTERM);
+    EXPECT_EQ(p.wait(), 0);
+    EXPECT_NE(p.err().find("noise 1"), std::string::npos) << p.err();
 }

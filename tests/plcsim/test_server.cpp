@@ -296,3 +296,89 @@ TEST(SerialLineTest, ServesATerminalDevice) {
     EXPECT_EQ(memory.word('B', 3, 0), 5);
     server.stop();
 }
+
+// ---- restarts and a line that comes back ------------------------------------
+
+namespace {
+
+constexpr std::size_t kWriteReplySize = 27;
+// Quiet this long: no reply is on its way.
+constexpr int kQuietMs = 200;
+
+const Bytes& WriteRequest() {
+    static const Bytes frame = Hex(kDriverFrames[7].hex);  // B3:0 = 5
+    return frame;
+}
+
+// Sends the write and expects its whole reply.
+void ExpectAnswered(LineClient& client) {
+    ASSERT_TRUE(client.send(WriteRequest()));
+    EXPECT_EQ(client.receive(kWriteReplySize).size(), kWriteReplySize);
+}
+
+}  // namespace
+
+TEST_F(PtyTest, RestartIsDueAfterNRepliesWhenTheNextRequestComes) {
+    ServerOptions options = FastOptions();
+    options.restartAfterReplies = 2;
+    controller = std::make_unique<Controller>(memory);
+    server = std::make_unique<Server>(*controller, memory, *line, options);
+    int result = -1;
+    std::thread runner([&] { result = server->run(); });
+    LineClient client(line->peerPath());
+    ExpectAnswered(client);
+    ExpectAnswered(client);
+    // The third request finds the server restarting: no reply.
+    ASSERT_TRUE(client.send(WriteRequest()));
+    runner.join();
+    EXPECT_EQ(result, Server::kRestartDue);
+    EXPECT_TRUE(client.quiet(kQuietMs));
+    EXPECT_EQ(controller->counters().repliesSent, 2u);
+
+    // Resumed on a new line, with the same controller and counters: two
+    // more replies before the next restart.
+    std::string error;
+    auto second = SerialLine::OpenPty("", &error);
+    ASSERT_TRUE(second) << error;
+    server->resume(*second);
+    std::thread again([&] { result = server->run(); });
+    LineClient secondClient(second->peerPath());
+    ExpectAnswered(secondClient);
+    ExpectAnswered(secondClient);
+    ASSERT_TRUE(secondClient.send(WriteRequest()));
+    again.join();
+    EXPECT_EQ(result, Server::kRestartDue);
+    EXPECT_EQ(controller->counters().repliesSent, 4u);
+    EXPECT_EQ(server->counters().bytesSent, 4 * kWriteReplySize);
+}
+
+TEST_F(PtyTest, ResumedRunKeepsTheDeadlineOfTheFirst) {
+    ServerOptions options = FastOptions();
+    options.runForMs = 150;
+    controller = std::make_unique<Controller>(memory);
+    server = std::make_unique<Server>(*controller, memory, *line, options);
+    const int64_t start = MonotonicMs();
+    EXPECT_EQ(server->run(), Server::kStopped);
+    EXPECT_GE(MonotonicMs() - start, 150 - 5);
+    std::string error;
+    auto second = SerialLine::OpenPty("", &error);
+    ASSERT_TRUE(second) << error;
+    server->resume(*second);
+    const int64_t resumed = MonotonicMs();
+    EXPECT_EQ(server->run(), Server::kStopped);
+    EXPECT_LT(MonotonicMs() - resumed, 100);
+}
+
+TEST_F(PtyTest, WaitForStopEndsOnAStopRequest) {
+    StartServer();
+    server->stop();
+    const int64_t start = MonotonicMs();
+    EXPECT_FALSE(server->waitForStop(50));
+    EXPECT_GE(MonotonicMs() - start, 50 - 5);
+    server->requestStop();
+    const int64_t asked = MonotonicMs();
+    EXPECT_TRUE(server->waitForStop(5000));
+    EXPECT_LT(MonotonicMs() - asked, 1000);
+    // The request was taken.
+    EXPECT_FALSE(server->waitForStop(0));
+}

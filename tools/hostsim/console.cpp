@@ -19,7 +19,8 @@ bool EndsEscape(unsigned char c) {
 
 }  // namespace
 
-Console::Console(bool interactive, bool ansi) : interactive_(interactive) {
+Console::Console(bool interactive, bool ansi, std::size_t maxLength)
+    : interactive_(interactive), maxLength_(maxLength) {
     if (!interactive_ || !ansi || tcgetattr(STDIN_FILENO, &saved_) != 0) return;
     termios raw = saved_;
     raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
@@ -50,14 +51,29 @@ std::vector<std::string> Console::read(bool* eof) {
     return lines;
 }
 
+std::size_t Console::takeOverlongLines() {
+    const std::size_t n = overlongLines_;
+    overlongLines_ = 0;
+    return n;
+}
+
+void Console::endLine(std::vector<std::string>* lines) {
+    if (overlong_)
+        ++overlongLines_;
+    else
+        lines->push_back(line_);
+    line_.clear();
+    overlong_ = false;
+}
+
 void Console::edit(unsigned char c, std::vector<std::string>* lines, bool* eof) {
     if (c == '\n' || c == '\r') {
-        lines->push_back(line_);
-        line_.clear();
+        endLine(lines);
     } else if (c == kDelete || c == kBackspace) {
-        if (!line_.empty()) line_.pop_back();
+        if (!line_.empty() && !overlong_) line_.pop_back();
     } else if (c == kCtrlU) {
         line_.clear();
+        overlong_ = false;
     } else if (c == kCtrlD) {
         if (line_.empty()) *eof = true;
     } else if (c == kEscape) {
@@ -65,7 +81,13 @@ void Console::edit(unsigned char c, std::vector<std::string>* lines, bool* eof) 
     } else if (escape_) {
         if (EndsEscape(c)) escape_ = false;
     } else if (c >= 0x20) {
-        line_.push_back(static_cast<char>(c));
+        // Past the limit the line is dropped at once; only its end is
+        // still waited for.
+        if (line_.size() >= maxLength_) {
+            overlong_ = true;
+            line_.clear();
+        }
+        if (!overlong_) line_.push_back(static_cast<char>(c));
     }
 }
 

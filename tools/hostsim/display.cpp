@@ -68,6 +68,14 @@ std::vector<std::string> FittedTable(const Snapshot& s, std::size_t width, std::
     return table;
 }
 
+// The line's state, once it has been down at least once; nothing before, so
+// a run on a sound line reads as it always has.
+std::string LineStateText(const HostStats& stats) {
+    if (stats.lineDownPeriods == 0) return "";
+    return " | line-down periods " + std::to_string(stats.lineDownPeriods) + " | down exchanges " +
+           std::to_string(stats.downExchanges) + (stats.lineDown ? " | LINE DOWN" : "");
+}
+
 }  // namespace
 
 std::string ResultText(int code) {
@@ -115,7 +123,8 @@ std::vector<std::string> StatsLines(const Snapshot& s) {
                 " | cip-rejected " + n(s.stats.cipRejected) + " | cyclic requests " +
                 std::to_string(s.cyclicRequests) + " | retryCount " +
                 std::to_string(s.stats.retryCount) + " | cycleDone " +
-                std::to_string(s.stats.cycleDone) + " | zeros in a row " + n(s.stats.zeroStreak)};
+                std::to_string(s.stats.cycleDone) + " | zeros in a row " + n(s.stats.zeroStreak) +
+                LineStateText(s.stats)};
 }
 
 std::vector<std::string> TableRows(const Snapshot& s, std::size_t width) {

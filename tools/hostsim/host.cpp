@@ -377,10 +377,14 @@ bool Host::run(peer::HostPort& port, int wakeFd) {
         cipRejected = false;
         const peer::Exchange e = peer::RunExchange(api_, port, options_.timeoutMs, wakeFd, hooks);
         if (!e.sent) {
+            // Nothing to send: a line that is down is still reopened.
+            if (port.lineDown()) port.reopenIfDue();
+            watchLine(port);
             waitForWork();
             continue;
         }
         if (e.outcome == peer::LineOutcome::kStopped) break;
+        watchLine(port);
         if (e.outcome == peer::LineOutcome::kError) {
             std::lock_guard<std::mutex> lock(mutex_);
             lineError_ = port.error();
@@ -388,12 +392,35 @@ bool Host::run(peer::HostPort& port, int wakeFd) {
             return false;
         }
         record(e, cipRejected);
+        if (options_.logExchanges) logExchange(e);
         if (options_.exchanges != 0) {
             std::lock_guard<std::mutex> lock(mutex_);
             if (stats_.exchanges >= options_.exchanges) stop_.store(true);
         }
     }
     return true;
+}
+
+void Host::watchLine(const peer::HostPort& port) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    // Counted by the port, so a line that went down and came back within
+    // one exchange is seen too.
+    if (port.linesLost() > linesLostSeen_) {
+        linesLostSeen_ = port.linesLost();
+        stats_.lineDownPeriods = linesLostSeen_;
+        addEvent("line down: " + port.error() + "; reopening " + port.path() + " every " +
+                 std::to_string(peer::kReopenFirstMs) + " ms doubling to " +
+                 std::to_string(peer::kReopenLongestMs) +
+                 " ms, exchanges go to the plug-in as no reply meanwhile");
+        stats_.lineDown = true;
+    }
+    if (!stats_.lineDown || port.lineDown()) return;
+    stats_.lineDown = false;
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%.1f",
+                  static_cast<double>(peer::MonotonicMs() - port.downSinceMs()) / 1000.0);
+    addEvent("line up again: " + port.path() + " reopened after " + seconds + " s (" +
+             std::to_string(port.reopenAttempts()) + " attempt(s))");
 }
 
 std::string Host::describeRequest(const RW_VAR& r) const {
@@ -435,6 +462,24 @@ void Host::record(const peer::Exchange& e, bool cipRejected) {
     if (reported && info_.multiStation == 0) reportDroppedQueues();
 }
 
+void Host::logExchange(const peer::Exchange& e) {
+    uint64_t number = 0;
+    std::vector<TagAddress> tags;
+    std::string text;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        number = stats_.exchanges;
+        tags = tags_;
+        text = std::string(e.isWrite() ? "write " : "read ") + describeRequest(e.request);
+    }
+    text = "exchange " + std::to_string(number) + ": " + text +
+           (e.learning ? " learning, " : ", ") + peer::LineOutcomeName(e.outcome) + ", result " +
+           std::to_string(e.result) + " " + ResultText(e.result);
+    // The image is read outside mutex_, as the snapshot reads it.
+    for (const TagAddress& tag : tags) text += " | " + tag.display() + " = " + imageValues(tag);
+    note(text);
+}
+
 void Host::countExchange(const peer::Exchange& e, bool cipRejected) {
     const auto now = Clock::now();
     ++stats_.exchanges;
@@ -442,6 +487,7 @@ void Host::countExchange(const peer::Exchange& e, bool cipRejected) {
     while (!recent_.empty() && now - recent_.front() > std::chrono::seconds(1)) recent_.pop_front();
     if (e.learning) ++stats_.learning;
     if (e.outcome == peer::LineOutcome::kTimeout) ++stats_.noReply;
+    if (e.outcome == peer::LineOutcome::kLineDown) ++stats_.downExchanges;
     if (e.outcome == peer::LineOutcome::kRefused) ++stats_.refused;
     if (cipRejected) ++stats_.cipRejected;
     const bool good = IsGoodResult(e.result);

@@ -67,6 +67,11 @@ struct HostStats {
     int retryCount = 0;        // ComInfo::retryCount after the last exchange
     int cycleDone = 0;         // ComInfo::cycleDone after the last exchange
     uint64_t zeroStreak = 0;   // result 0 in a row, up to the last exchange
+    // The line vanished (read, write or poll error, hang-up) this many
+    // times; the exchanges while it was down went to DataCom with length 0.
+    uint64_t lineDownPeriods = 0;
+    uint64_t downExchanges = 0;
+    bool lineDown = false;  // down now, being reopened
 };
 
 struct TagView {
@@ -105,8 +110,11 @@ public:
     // AddListOnceReadVar for a one-shot read.
     bool queueRead(const TagAddress& read, std::string* message);
 
-    // The exchange loop; returns when stop() is called, the exchange limit
-    // is reached or the line fails (then false, with lineError()).
+    // The exchange loop; returns when stop() is called or the exchange
+    // limit is reached. A line that vanishes is shown down and reopened by
+    // the port (HostPort::setReopen) while the loop goes on; only a port
+    // that cannot do that ends the loop on a failure (then false, with
+    // lineError()).
     bool run(peer::HostPort& port, int wakeFd);
     void stop();
     bool stopping() const { return stop_.load(); }
@@ -137,11 +145,15 @@ private:
     int rebuildCyclicList();
     void rebuildIfAsked();
     void waitForWork();
+    // Notes the line going down and coming back, as the port reports it.
+    void watchLine(const peer::HostPort& port);
     // What DataCom is handed: StandardHandOver, or with --cip-errors-fail
     // nothing for a reply whose status says the request failed.
     QByteArray handOver(const peer::Exchange& exchange, bool* cipRejected) const;
     std::string imageValues(const TagAddress& tag);
     void record(const peer::Exchange& exchange, bool cipRejected);
+    // --log-exchanges: the exchange just recorded, and the values it left.
+    void logExchange(const peer::Exchange& exchange);
     void countExchange(const peer::Exchange& exchange, bool cipRejected);
     void markTagResults(const RW_VAR& request, bool learning, int result);
     void reportWrite(const RW_VAR& request, int result);
@@ -173,6 +185,7 @@ private:
     std::map<int, PendingWrite> writes_;  // by varId
     int varIdCounter_ = 100;
     std::string lineError_;
+    uint64_t linesLostSeen_ = 0;  // the port's count of lost lines, last seen
 };
 
 }  // namespace hostsim

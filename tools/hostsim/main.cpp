@@ -101,6 +101,9 @@ int OpenLink(const Options& options, Link* link, std::string* error) {
         link->text = "serial port " + portPath;
     }
     if (!link->port.open(portPath, options.baud, error)) return hostsim::kExitPort;
+    // Once open, a line that vanishes (an adapter unplugged, the far end
+    // restarted) is shown down and reopened; the run goes on.
+    link->port.setReopen(true);
     // A pseudo-terminal (the built-in simulator's, or plcsim's) delivers at
     // once, so both of its ends pace their bytes at the line's rate; a real
     // serial device paces itself.
@@ -173,7 +176,7 @@ public:
         : host_(host),
           options_(options),
           ansi_(!options.plain && isatty(STDOUT_FILENO)),
-          console_(isatty(STDIN_FILENO), ansi_),
+          console_(isatty(STDIN_FILENO), ansi_, hostsim::kMaxLineLength),
           title_(std::move(title)) {}
 
     void run();
@@ -245,6 +248,9 @@ void Session::waitForInput() {
     bool eof = false;
     for (const std::string& line : console_.read(&eof))
         if (!hostsim::Execute(host_, line)) quit_ = true;
+    for (std::size_t n = console_.takeOverlongLines(); n > 0; --n)
+        host_.note("input line longer than " + std::to_string(hostsim::kMaxLineLength) +
+                   " characters ignored");
     if (eof) quit_ = true;
     if (ansi_) nextDraw_ = Clock::now();  // show the typed key at once
 }

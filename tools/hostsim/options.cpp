@@ -1,34 +1,24 @@
 #include "options.h"
 
 #include "peer/line.h"
+#include "peer/numbers.h"
 #include "peer/profile.h"
 
-#include <cerrno>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
-#include <fstream>
+#include <limits>
 
 namespace hostsim {
 
 namespace {
 
-bool ParseInt(const std::string& text, long min, long max, long* value) {
-    if (text.empty()) return false;
-    char* end = nullptr;
-    errno = 0;
-    const long v = std::strtol(text.c_str(), &end, 10);
-    if (*end != '\0' || errno == ERANGE || v < min || v > max) return false;
-    *value = v;
-    return true;
-}
-
 // Options that set a whole number within limits, and flags.
 template <typename Field>
 struct NumberOption {
     const char* name;
-    long min;
-    long max;
+    int64_t min;
+    int64_t max;
     Field Options::*field;
 };
 constexpr NumberOption<int> kIntOptions[] = {
@@ -42,7 +32,9 @@ constexpr NumberOption<int> kIntOptions[] = {
     {"--sim-turnaround-ms", 0, 10000, &Options::simTurnaroundMs},
 };
 // The built-in simulator's fault periods.
-constexpr long kMaxPeriod = 1000000;
+constexpr int64_t kMaxPeriod = 1000000;
+// --exchanges: any count a run could reach.
+constexpr int64_t kMaxExchanges = std::numeric_limits<int64_t>::max();
 constexpr NumberOption<uint32_t> kPeriodOptions[] = {
     {"--sim-drop-every", 0, kMaxPeriod, &Options::simDropEvery},
     {"--sim-corrupt-every", 0, kMaxPeriod, &Options::simCorruptEvery},
@@ -60,6 +52,7 @@ constexpr FlagOption kFlagOptions[] = {
     {"--cip-errors-fail", &Options::cipErrorsFail},
     {"--keep-reply-done", &Options::keepReplyDone},
     {"--plain", &Options::plain},
+    {"--log-exchanges", &Options::logExchanges},
 };
 
 // Walks the arguments: an option's name ("--name=value" split apart), its
@@ -104,10 +97,10 @@ public:
         *v = args_[++i_];
         return true;
     }
-    bool intValue(long min, long max, long* v) {
+    bool intValue(int64_t min, int64_t max, int64_t* v) {
         std::string text;
         if (!next(&text)) return fail("option " + name_ + " needs a value");
-        if (!ParseInt(text, min, max, v))
+        if (!peer::ParseInteger(text, min, max, v))
             return fail("option " + name_ + ": '" + text + "' is not a number from " +
                         std::to_string(min) + " to " + std::to_string(max));
         return true;
@@ -139,7 +132,7 @@ template <typename Field, std::size_t N>
 Taken TakeNumber(OptionReader& in, const NumberOption<Field> (&table)[N], Options& o) {
     for (const NumberOption<Field>& option : table) {
         if (in.name() != option.name) continue;
-        long n = 0;
+        int64_t n = 0;
         if (!in.intValue(option.min, option.max, &n)) return Taken::kRefused;
         o.*option.field = static_cast<Field>(n);
         return Taken::kYes;
@@ -172,7 +165,7 @@ Taken TakeLinkOption(OptionReader& in, Options& o) {
         return Taken::kYes;
     }
     if (in.name() != "--baud") return Taken::kNotMine;
-    long n = 0;
+    int64_t n = 0;
     if (!in.intValue(1, INT_MAX, &n)) return Taken::kRefused;
     if (!peer::IsSupportedBaud(static_cast<int>(n)))
         return Result(in.fail("option --baud: unsupported rate " + std::to_string(n) +
@@ -215,8 +208,8 @@ Taken TakeListOption(OptionReader& in, Options& o) {
 
 Taken TakeLimitOption(OptionReader& in, Options& o) {
     if (in.name() == "--exchanges") {
-        long n = 0;
-        if (!in.intValue(1, LONG_MAX, &n)) return Taken::kRefused;
+        int64_t n = 0;
+        if (!in.intValue(1, kMaxExchanges, &n)) return Taken::kRefused;
         o.exchanges = static_cast<uint64_t>(n);
         return Taken::kYes;
     }
@@ -253,36 +246,13 @@ std::vector<TagAddress> DefaultTags() {
     return tags;
 }
 
-bool ReadTagFile(const std::string& path, std::vector<TagAddress>* tags, std::string* error) {
-    std::ifstream in(path);
-    if (!in) {
-        if (error) *error = "cannot read tag file " + path;
-        return false;
-    }
-    std::string line;
-    int number = 0;
-    while (std::getline(in, line)) {
-        ++number;
-        const std::size_t hash = line.find('#');
-        if (hash != std::string::npos) line.erase(hash);
-        line = Trim(line);
-        if (line.empty()) continue;
-        TagAddress a;
-        std::string why;
-        if (!ParseTagAddress(line, &a, &why)) {
-            if (error) *error = path + ":" + std::to_string(number) + ": " + why;
-            return false;
-        }
-        tags->push_back(a);
-    }
-    return true;
-}
-
 bool ParseOptions(const std::vector<std::string>& args, Options* out, std::string* error) {
     Options o;
     OptionReader in(args, error);
     while (in.advance())
         if (TakeOption(in, o) == Taken::kRefused) return false;
+    if (o.tags.size() > kMaxTags)
+        return in.fail("more than " + std::to_string(kMaxTags) + " tags (--tag and --tags)");
     if (!o.port.empty()) {
         const bool simOnly =
             !o.simSets.empty() || o.simDropEvery || o.simCorruptEvery || o.simTruncateEvery;
@@ -292,24 +262,32 @@ bool ParseOptions(const std::vector<std::string>& args, Options* out, std::strin
     return true;
 }
 
-std::string UsageText(const std::string& program) {
-    return "Usage: " + program + R"( [options]
+namespace {
 
-Loads the controller communication plug-in as an HMI runtime does, polls a
-list of tags through it and shows their values live. Without --port it talks
-to the built-in controller simulator over a pseudo-terminal.
-
+// The usage text, a section at a time.
+std::string LinkUsage() {
+    return R"(
 Plug-in and link:
   --plugin PATH          plug-in to load (default: the one built with hostsim)
   --port DEVICE          serial device, e.g. /dev/ttyUSB0 (raw 8N1);
-                         default: the built-in simulator on a pseudo-terminal
+                         default: the built-in simulator on a pseudo-terminal.
+                         A line that vanishes while running (adapter
+                         unplugged, far end restarted) is shown down and
+                         reopened every )" +
+           std::to_string(peer::kReopenFirstMs) + " ms doubling to " +
+           std::to_string(peer::kReopenLongestMs) + R"( ms; meanwhile
+                         every exchange reaches the plug-in as no reply
   --baud N               line rate (default 19200); on a pseudo-terminal (the
                          built-in simulator's, or plcsim's) hostsim paces its
                          requests at it, byte by byte, as a real line would
   --timeout-ms N         reply timeout (default 500)
   --capture FILE         write what crosses the line, both ways, to FILE as a
                          pcapng capture for Wireshark (one packet per frame)
+)";
+}
 
+std::string ListsUsage() {
+    return R"(
 Settings record (ComInfo):
   --max-count N          largest element count of one request (default 32)
   --retry-limit N        failed exchanges tolerated before a failure is
@@ -324,14 +302,30 @@ Settings record (ComInfo):
 Tags, writes and reads (addresses: N7:0, B3:0 for words, B3:0/5 or N7:2/15
 for bits, F8:0 for REALs; a count is written x10: "N7:0 x10", N7:0x10):
   --tag ADDRESS          add a tag to the cyclic list (repeatable)
-  --tags FILE            read tags from FILE, one a line ('#' comments)
+  --tags FILE            read tags from FILE, one a line ('#' comments);
+                         limits: )" +
+           std::to_string(kMaxTags) + " tags, lines of " + std::to_string(kMaxLineLength) +
+           " characters,\n                         " + std::to_string(kMaxTagFileBytes) +
+           R"( bytes
   --write ADDR=VALUE     write at start: N7:3=1234, N7:3=1,2,3, B3:0/5=1,
                          F8:1=2.5 (repeatable)
   --read ADDRESS         one-shot read at start, result shown by the
                          callback: N7:10x4 (repeatable)
   Without --tag/--tags: N10:0 (simulator counter), N10:1/0 (toggle bit),
   F9:0 (ramp), N7:0 x4.
+)";
+}
 
+}  // namespace
+
+std::string UsageText(const std::string& program) {
+    return "Usage: " + program + R"( [options]
+
+Loads the controller communication plug-in as an HMI runtime does, polls a
+list of tags through it and shows their values live. Without --port it talks
+to the built-in controller simulator over a pseudo-terminal.
+)" + LinkUsage() +
+           ListsUsage() + R"(
 Running:
   --duration SECONDS     stop after this long
   --exchanges N          stop after N exchanges
@@ -342,6 +336,9 @@ Running:
   --keep-reply-done      remote mode: do not zero ComInfo.replyDone before each
                          exchange (shows why a host must: a write that follows
                          a good exchange then fails)
+  --log-exchanges        every exchange as an event: its number, the request,
+                         what came back, DataCom's result and every tag's
+                         values after it
   --plain                plain lines even when stdout is a terminal
   --interval-ms N        time between snapshots (default: 200 on a terminal,
                          1000 for plain lines)
@@ -355,10 +352,16 @@ Built-in simulator only:
   --sim-truncate-every N ... cuts the last 3 bytes off every Nth reply
 
 At the prompt (when stdin is a terminal): N7:3=1234, B3:0/5=1, F8:1=2.5,
-read N7:10 x4, tag N7:20 x2, help, quit.
+read N7:10 x4, tag N7:20 x2, help, quit; a line longer than )" +
+           std::to_string(kMaxLineLength) + R"( characters
+is ignored whole.
 
-Exit codes: 0 done, 2 bad option or address, 3 plug-in cannot be loaded or
-lacks an entry point, 4 port cannot be opened, 5 the line failed.
+Numbers are plain decimal digits (a '-' where negative values are allowed).
+
+Exit codes: 0 done, 2 bad option, address or tag file, 3 plug-in cannot be
+loaded or lacks an entry point, 4 port cannot be opened at start, 5 the port
+failed in a way reopening cannot cover (not given for a line that vanishes:
+that line is reopened and the run goes on).
 )";
 }
 

@@ -4,6 +4,7 @@
 
 #include "addresses.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -15,7 +16,18 @@ constexpr int kExitOk = 0;
 constexpr int kExitUsage = 2;   // a bad option, value or address text
 constexpr int kExitPlugin = 3;  // the plug-in cannot be loaded or lacks an entry point
 constexpr int kExitPort = 4;    // the port (or the built-in simulator's line) cannot be used
-constexpr int kExitLink = 5;    // the line failed while running
+// The port failed in a way reopening does not cover. A device that vanishes
+// while running (unplugged, its far end restarted) is not one: the line is
+// shown down and reopened, and the run goes on.
+constexpr int kExitLink = 5;
+
+// Limits of what hostsim reads, so that a wrong input (a device, a binary
+// file, a line that never ends) is refused with a reason instead of
+// filling memory: a line of a tag file or of the prompt, a tag file's size,
+// and the tags of one run (--tag and tag files together).
+constexpr std::size_t kMaxLineLength = 4096;
+constexpr std::size_t kMaxTagFileBytes = 16 * 1024 * 1024;
+constexpr std::size_t kMaxTags = 100000;
 
 struct Options {
     std::string pluginPath;  // empty: the plug-in built with this program
@@ -47,6 +59,9 @@ struct Options {
     // why a host must zero it.
     bool keepReplyDone = false;
     bool plain = false;  // plain lines even on a terminal
+    // Every exchange as an event: the request, what came back, DataCom's
+    // result and then every tag's values.
+    bool logExchanges = false;
     int intervalMs = 0;  // between snapshots; 0: 200 on a terminal, 1000 otherwise
 
     // Built-in simulator only.
@@ -64,7 +79,10 @@ struct Options {
 bool ParseOptions(const std::vector<std::string>& args, Options* out, std::string* error);
 
 // Reads a tag file: one tag a line, as --tag takes it; blank lines and text
-// after '#' are ignored.
+// after '#' are ignored. Refused with the path (and line) and the reason: a
+// file that cannot be read, a byte no text holds, a line longer than
+// kMaxLineLength, a file larger than kMaxTagFileBytes, more than kMaxTags
+// tags in *tags, or an address the line does not hold.
 bool ReadTagFile(const std::string& path, std::vector<TagAddress>* tags, std::string* error);
 
 // The tags shown when none are given: the built-in simulator's live tags

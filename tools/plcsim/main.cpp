@@ -8,11 +8,15 @@
 #include "peer/server.h"
 #include "peer/tag_memory.h"
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <cstdint>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -68,7 +72,16 @@ void PrintServing(const plcsim::Options& options, const peer::SerialLine& line) 
               << options.baud << " baud\n";
 }
 
-void PrintCounters(const peer::Controller& controller, const peer::Server& server) {
+// How often the line was taken down and up again.
+struct LineChanges {
+    uint64_t restarts = 0;  // --restart-after
+    uint64_t reopened = 0;  // a device that failed and came back
+};
+
+// The counts of the switches that were used follow the fixed ones, so a run
+// without them prints what it always has.
+void PrintCounters(const peer::Controller& controller, const peer::Server& server,
+                   const LineChanges& changes) {
     const auto c = controller.counters();
     const auto s = server.counters();
     std::cerr << "plcsim: frames " << c.framesReceived << ", bad " << c.badFrames << ", replies "
@@ -76,7 +89,11 @@ void PrintCounters(const peer::Controller& controller, const peer::Server& serve
               << c.corrupted << ", truncated " << c.truncated << ", late " << c.delayed
               << ", wrong-tns " << c.wrongTns << ", silenced " << c.silenced << ", duplicates "
               << c.duplicates << ", bytes in " << s.bytesReceived << ", bytes out " << s.bytesSent
-              << ", gap resets " << s.gapResets << "\n";
+              << ", gap resets " << s.gapResets;
+    if (controller.faults().noise.active() || c.noise) std::cerr << ", noise " << c.noise;
+    if (changes.restarts) std::cerr << ", restarts " << changes.restarts;
+    if (changes.reopened) std::cerr << ", reopened " << changes.reopened;
+    std::cerr << "\n";
 }
 
 // With --capture, the server's traffic goes into the capture; false with a
@@ -105,28 +122,100 @@ void FinishCapture(const plcsim::Options& options, peer::LineCapture& capture) {
                   << options.capturePath << "\n";
 }
 
-// Serves the line until a signal, the duration or a line error.
-int Serve(const plcsim::Options& options, peer::TagMemory& memory, peer::SerialLine& line) {
+// Waits for a device to come back: the first attempt at once after a
+// restart, kReopenFirstMs after a failure, then the same doubling back-off
+// as the host's port. Nothing when a stop is asked for or the run's time is
+// up first (*error empty then).
+std::unique_ptr<peer::SerialLine> ReopenDevice(const plcsim::Options& options, peer::Server& server,
+                                               int64_t endMs, bool restart, std::string* error) {
+    const int64_t lostMs = peer::MonotonicMs();
+    int delayMs = restart ? 0 : peer::kReopenFirstMs;
+    for (int attempts = 1;; ++attempts) {
+        const int64_t leftMs = endMs - peer::MonotonicMs();
+        if (leftMs <= 0 ||
+            server.waitForStop(static_cast<uint32_t>(std::min<int64_t>(delayMs, leftMs)))) {
+            error->clear();
+            return nullptr;
+        }
+        std::string why;
+        auto line = peer::SerialLine::OpenDevice(options.device, options.baud, &why);
+        if (line) {
+            if (!options.quiet)
+                std::cerr << "plcsim: " << options.device << " reopened after "
+                          << (peer::MonotonicMs() - lostMs) << " ms (" << attempts
+                          << " attempt(s))\n";
+            return line;
+        }
+        delayMs =
+            delayMs == 0 ? peer::kReopenFirstMs : std::min(delayMs * 2, peer::kReopenLongestMs);
+    }
+}
+
+// A new line in place of the one closed: a new pseudo-terminal behind the
+// same link, or the device again.
+std::unique_ptr<peer::SerialLine> Reopen(const plcsim::Options& options, peer::Server& server,
+                                         int64_t endMs, bool restart, std::string* error) {
+    if (options.device.empty()) return peer::SerialLine::OpenPty(options.linkPath, error);
+    return ReopenDevice(options, server, endMs, restart, error);
+}
+
+// Runs the server until a stop, taking the line down and up again for a due
+// restart or a device that failed (a pseudo-terminal's master does not
+// fail: a failure there ends the run). kExitOk, or kExitLine with *error.
+int KeepServing(const plcsim::Options& options, peer::Server& server, peer::Controller& controller,
+                std::unique_ptr<peer::SerialLine>& line, LineChanges* changes, std::string* error) {
+    const int64_t endMs = options.server.runForMs ? peer::MonotonicMs() + options.server.runForMs
+                                                  : std::numeric_limits<int64_t>::max();
+    for (;;) {
+        const int result = server.run();
+        if (result == peer::Server::kStopped) return plcsim::kExitOk;
+        const bool restart = result == peer::Server::kRestartDue;
+        if (!restart && line->isPty()) {
+            *error = server.error();
+            return plcsim::kExitLine;
+        }
+        if (!options.quiet)
+            std::cerr << "plcsim: "
+                      << (restart
+                              ? "restarting the line after " +
+                                    std::to_string(options.server.restartAfterReplies) + " replies"
+                              : "line lost (" + server.error() + "); reopening " + options.device)
+                      << "\n";
+        line.reset();  // the host sees its line vanish
+        controller.resetReceiver();
+        line = Reopen(options, server, endMs, restart, error);
+        if (!line) return error->empty() ? plcsim::kExitOk : plcsim::kExitLine;
+        ++(restart ? changes->restarts : changes->reopened);
+        server.resume(*line);
+        if (!options.quiet) PrintServing(options, *line);
+    }
+}
+
+// Serves the line until a signal or the duration (or a line error on a
+// pseudo-terminal).
+int Serve(const plcsim::Options& options, peer::TagMemory& memory,
+          std::unique_ptr<peer::SerialLine> line) {
     peer::ServerOptions serverOptions = options.server;
     // A device is paced by its UART; only a pseudo-terminal needs pacing.
-    serverOptions.paceBaud = line.isPty() ? options.baud : 0;
+    serverOptions.paceBaud = line->isPty() ? options.baud : 0;
     peer::Controller controller(memory, options.controller);
     SetUpController(options, &controller);
-    peer::Server server(controller, memory, line, serverOptions);
+    peer::Server server(controller, memory, *line, serverOptions);
     peer::LineCapture capture;
     std::string error;
-    if (!StartCapture(options, line, server, capture, &error)) return FailUsage(error);
+    if (!StartCapture(options, *line, server, capture, &error)) return FailUsage(error);
     gServer = &server;
     StopOnSignals();
 
-    if (options.printPath) std::cout << line.peerPath() << std::endl;
-    if (!options.quiet) PrintServing(options, line);
-    const int result = server.run();
+    if (options.printPath) std::cout << line->peerPath() << std::endl;
+    if (!options.quiet) PrintServing(options, *line);
+    LineChanges changes;
+    const int result = KeepServing(options, server, controller, line, &changes, &error);
     gServer = nullptr;
 
-    if (!options.quiet) PrintCounters(controller, server);
+    if (!options.quiet) PrintCounters(controller, server, changes);
     FinishCapture(options, capture);
-    if (result != 0) return FailLine(server.error());
+    if (result != plcsim::kExitOk) return FailLine(error);
     return plcsim::kExitOk;
 }
 
@@ -148,5 +237,5 @@ int main(int argc, char** argv) {
     SetUpMemory(options, &memory);
     std::unique_ptr<peer::SerialLine> line = OpenLine(options, &error);
     if (!line) return FailLine(error);
-    return Serve(options, memory, *line);
+    return Serve(options, memory, std::move(line));
 }

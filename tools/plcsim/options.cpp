@@ -4,6 +4,8 @@
 #include "peer/numbers.h"
 
 #include <cstdlib>
+#include <map>
+#include <utility>
 
 namespace plcsim {
 
@@ -15,7 +17,9 @@ const char kUsage[] =
     "serial port would, on a new pseudo-terminal or on a serial device.\n"
     "\n"
     "Line:\n"
-    "  --device PATH          serve this serial device instead of a pseudo-terminal\n"
+    "  --device PATH          serve this serial device instead of a pseudo-terminal;\n"
+    "                         a device that goes away is reopened (every %FIRST% ms\n"
+    "                         doubling to %LONGEST% ms) until it is back\n"
     "  --link PATH            make PATH a symbolic link to the pseudo-terminal's peer\n"
     "  --print-path           print the path to open as the first line of stdout\n"
     "  --baud N               line speed (default 19200); on a pseudo-terminal the\n"
@@ -45,7 +49,15 @@ const char kUsage[] =
     "  --late-every N, --late-next K            answer late\n"
     "  --late-ms MS                             how late (default 500)\n"
     "  --wrong-tns-every N, --wrong-tns-next K  answer with the transaction number + 1\n"
+    "  --noise-every N, --noise-next K          send a burst of random bytes (never\n"
+    "                                           DLE STX) just before the reply\n"
+    "  --noise-bytes K                          bytes a burst (default 8)\n"
+    "  --noise-seed S                           seed of the noise (default 1)\n"
     "  --silence AT:FOR       answer nothing for FOR ms, starting AT ms after start\n"
+    "  --restart-after N      after every N replies, at the next request, close this\n"
+    "                         end of the line and open it again: a new\n"
+    "                         pseudo-terminal behind the same --link, or the device\n"
+    "                         reopened; the host sees the line vanish and come back\n"
     "\n"
     "Run:\n"
     "  --duration SECONDS     stop after this long (default: until SIGINT/SIGTERM)\n"
@@ -59,6 +71,12 @@ constexpr unsigned long kMaxBaud = 4000000;
 constexpr unsigned long kMinReplyData = 16;
 constexpr unsigned long kMaxReplyData = 65535;
 constexpr unsigned long kMaxTransaction = 255;
+constexpr unsigned long kMinNoiseBytes = 1;
+constexpr unsigned long kMaxNoiseBytes = 4096;
+// The tag memory the --file options may ask for together, so a mistyped
+// list is refused instead of taking the machine's memory (the default
+// layout takes 6 KiB).
+constexpr std::size_t kMaxMemoryBytes = 16 * 1024 * 1024;
 // Longer than any test or session runs, and still whole milliseconds in 32 bits.
 constexpr double kMaxSeconds = 4000000.0;
 
@@ -155,6 +173,10 @@ std::vector<NumberOption> NumberOptions(Options* o) {
         {"--late-ms", &o->faults.lateMs},
         {"--wrong-tns-every", &o->faults.wrongTns.every},
         {"--wrong-tns-next", &o->faults.wrongTns.next},
+        {"--noise-every", &o->faults.noise.every},
+        {"--noise-next", &o->faults.noise.next},
+        {"--noise-seed", &o->faults.noiseSeed},
+        {"--restart-after", &o->server.restartAfterReplies},
     };
 }
 
@@ -185,6 +207,15 @@ bool ApplyMaxReplyData(ArgCursor* cursor, Options* o, std::string* error) {
     return true;
 }
 
+bool ApplyNoiseBytes(ArgCursor* cursor, Options* o, std::string* error) {
+    unsigned long v = 0;
+    if (!cursor->number(kMaxNoiseBytes, &v) || v < kMinNoiseBytes)
+        return Refuse(error, "--noise-bytes wants " + std::to_string(kMinNoiseBytes) + " to " +
+                                 std::to_string(kMaxNoiseBytes));
+    o->faults.noiseBytes = static_cast<uint32_t>(v);
+    return true;
+}
+
 bool ApplySilence(ArgCursor* cursor, Options* o, std::string* error) {
     std::string text;
     if (!cursor->value(&text)) return Refuse(error, "--silence wants AT:FOR in milliseconds");
@@ -200,6 +231,7 @@ bool ApplyValueOption(const std::string& name, ArgCursor* cursor, Options* o, st
     if (name == "--file") return ApplyFile(cursor, o, error);
     if (name == "--max-reply-data") return ApplyMaxReplyData(cursor, o, error);
     if (name == "--silence") return ApplySilence(cursor, o, error);
+    if (name == "--noise-bytes") return ApplyNoiseBytes(cursor, o, error);
     bool ok = false;
     if (name == "--device") {
         ok = cursor->value(&o->device) && !o->device.empty();
@@ -237,6 +269,17 @@ bool ApplyOption(const std::string& name, ArgCursor* cursor, Options* o, std::st
     return ApplyValueOption(name, cursor, o, error);
 }
 
+// The memory the files take, each file counted once (a later --file for
+// the same file replaces the earlier).
+std::size_t MemoryBytes(const std::vector<peer::DataFile>& files) {
+    std::map<std::pair<char, int>, std::size_t> sizes;
+    for (const peer::DataFile& f : files)
+        sizes[{f.letter, f.number}] = f.elements * peer::ElementSize(f.letter);
+    std::size_t total = 0;
+    for (const auto& entry : sizes) total += entry.second;
+    return total;
+}
+
 }  // namespace
 
 bool ParseOptions(const std::vector<std::string>& args, Options* out, std::string* error) {
@@ -253,12 +296,25 @@ bool ParseOptions(const std::vector<std::string>& args, Options* out, std::strin
     if (!o.device.empty() && !o.linkPath.empty())
         return Refuse(error, "--link is for pseudo-terminals only");
     if (!o.device.empty() && o.baud == 0) return Refuse(error, "a device needs a real baud rate");
+    if (MemoryBytes(o.files) > kMaxMemoryBytes)
+        return Refuse(error, "the --file options ask for more than " +
+                                 std::to_string(kMaxMemoryBytes) + " bytes of tag memory");
     *out = o;
     return true;
 }
 
 const char* UsageText() {
-    return kUsage;
+    // The reopening schedule is the peer's, named once there.
+    static const std::string text = [] {
+        std::string t = kUsage;
+        const auto put = [&t](const std::string& mark, int value) {
+            t.replace(t.find(mark), mark.size(), std::to_string(value));
+        };
+        put("%FIRST%", peer::kReopenFirstMs);
+        put("%LONGEST%", peer::kReopenLongestMs);
+        return t;
+    }();
+    return text.c_str();
 }
 
 }  // namespace plcsim

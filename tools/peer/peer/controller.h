@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <vector>
 
 namespace peer {
@@ -38,6 +39,14 @@ struct FaultPlan {
     FaultRule late;  // the reply starts lateMs later than usual
     uint32_t lateMs = 500;
     FaultRule wrongTns;  // the reply carries the transaction number + 1
+    // A burst of noiseBytes random bytes goes out just before the reply,
+    // as a line picking up interference between frames would carry it. The
+    // bytes never hold DLE STX, and never end in DLE, so no frame is faked
+    // and the reply's own start is not changed; any other link symbol may
+    // occur. Drawn from a generator seeded with noiseSeed, so a run repeats.
+    FaultRule noise;
+    uint32_t noiseBytes = 8;
+    uint32_t noiseSeed = 1;
 };
 
 struct ControllerOptions {
@@ -70,6 +79,7 @@ struct ControllerCounters {
     uint64_t truncated = 0;
     uint64_t delayed = 0;
     uint64_t wrongTns = 0;
+    uint64_t noise = 0;     // replies sent after a burst of noise
     uint64_t silenced = 0;  // replies swallowed by a silent period
 };
 
@@ -119,6 +129,7 @@ private:
     void sendReply(std::vector<uint8_t> body, int64_t nowMs, std::vector<Transmission>* out);
     bool silentAt(int64_t nowMs) const;
     static bool hits(FaultRule* rule, uint64_t sequence);
+    std::vector<uint8_t> noiseBurst(std::size_t n);
 
     TagMemory& memory_;
     const ControllerOptions options_;
@@ -130,6 +141,9 @@ private:
     int64_t silentFrom_ = 0;
     int64_t silentUntil_ = 0;
     uint8_t remoteTransaction_;
+    // mt19937's sequence is fixed by the language, so a seed gives the same
+    // noise on every machine.
+    std::mt19937 noiseRandom_;
     std::optional<std::vector<uint8_t>> lastHeader_;  // SRC CMD TNS of the last message
 };
 

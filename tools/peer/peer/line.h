@@ -111,8 +111,18 @@ enum class LineOutcome {
     kTimeout,  // nothing complete within the timeout
     kStopped,  // wakeFd became readable (the program is stopping)
     kError,    // the line failed (HostPort::error() says how)
+    // The line is down and being reopened (HostPort::setReopen): nothing
+    // complete went out or came back, and the timeout has been waited out.
+    kLineDown,
 };
 const char* LineOutcomeName(LineOutcome outcome);
+
+// A host's port whose line failed tries to open it again this long after
+// the failure, then each time twice as long after the last try, never more
+// than kReopenLongestMs apart: quick for a far end that restarts, and easy
+// on a machine whose adapter stays unplugged.
+constexpr int kReopenFirstMs = 100;
+constexpr int kReopenLongestMs = 2000;
 
 // The host's end of a line: a terminal device (a real port or the peer of a
 // pseudo-terminal) in raw 8N1 mode, and one request/reply exchange on it.
@@ -126,6 +136,31 @@ public:
     // Opens path with OpenTerminal. False with its reason.
     bool open(const std::string& path, int baud, std::string* error);
     void close();
+
+    // With reopening on, a line that fails while open (a read, write or poll
+    // error, a hang-up: a USB adapter unplugged, the far end's
+    // pseudo-terminal closed) does not end the port's use. The port closes
+    // the device and, from then on, opens the same path at the same rate
+    // again whenever an attempt is due (kReopenFirstMs after the failure,
+    // doubling up to kReopenLongestMs). While the line is down an exchange
+    // sends nothing, waits out its timeout (trying to reopen on the way,
+    // stopping early only for wakeFd) and returns kLineDown, so a host
+    // keeps the pace of a line that gets no replies. Off (the default): a
+    // failure is kError and the port stays as it is.
+    void setReopen(bool on) { reopen_ = on; }
+    bool lineDown() const { return down_; }
+    // Tries to reopen a line that is down, when an attempt is due; true when
+    // the line is up. For a host that has nothing to send meanwhile.
+    bool reopenIfDue();
+    // How many times the line was lost since open().
+    uint64_t linesLost() const { return linesLost_; }
+    // The current (or last) down period: when it began on the monotonic
+    // clock (MonotonicMs), the attempts to reopen made in it, and why the
+    // last one that failed did.
+    int64_t downSinceMs() const { return downSinceMs_; }
+    int reopenAttempts() const { return reopenAttempts_; }
+    const std::string& reopenError() const { return reopenError_; }
+
     bool isOpen() const { return fd_ >= 0; }
     bool isPseudoTerminal() const { return fd_ >= 0 && IsPseudoTerminal(fd_); }
     int fd() const { return fd_; }
@@ -148,10 +183,21 @@ public:
     // Collects a reply that is already on its way, without sending anything
     // and without dropping input.
     LineOutcome collect(int timeoutMs, int wakeFd, std::vector<uint8_t>* reply);
+    // Why the line failed (the last kError, or the start of the current
+    // down period).
     const std::string& error() const { return error_; }
 
 private:
     LineOutcome send(const uint8_t* request, std::size_t n, int wakeFd);
+    // collect's work without the handling of a failure.
+    LineOutcome receive(int timeoutMs, int wakeFd, std::vector<uint8_t>* reply);
+    // With reopening on, a failed exchange closes the device and waits out
+    // the rest of its time as a line-down exchange; otherwise kError.
+    LineOutcome afterFailure(int64_t deadlineMs, int wakeFd, std::vector<uint8_t>* reply);
+    void goDown();
+    // Waits until deadlineMs (or wakeFd), trying to reopen when an attempt
+    // is due: kLineDown, or kStopped.
+    LineOutcome waitWhileDown(int64_t deadlineMs, int wakeFd);
     // Waits until the output takes bytes again (full) or until dueNs on the
     // monotonic clock; true when wakeFd became readable first.
     bool waitToSend(bool full, int64_t dueNs, int wakeFd);
@@ -162,10 +208,20 @@ private:
     }
 
     int fd_ = -1;
+    int baud_ = 0;
     int paceBaud_ = 0;
     TrafficObserver observer_;
     std::string path_;
     std::string error_;
+
+    bool reopen_ = false;
+    bool down_ = false;
+    uint64_t linesLost_ = 0;
+    int64_t downSinceMs_ = 0;
+    int64_t nextAttemptMs_ = 0;
+    int reopenDelayMs_ = kReopenFirstMs;
+    int reopenAttempts_ = 0;
+    std::string reopenError_;
 };
 
 }  // namespace peer

@@ -36,8 +36,14 @@ struct ServerOptions {
     // The memory is ticked this often with the time that really passed;
     // 0: the server never ticks it.
     uint32_t tickIntervalMs = 100;
-    // Stop by itself after this long; 0: run until stopped.
+    // Stop by itself after this long; 0: run until stopped. The time counts
+    // from the first run: a run resumed on a new line keeps the deadline.
     uint32_t runForMs = 0;
+    // End a run with kRestartDue once this many replies have gone out whole
+    // since it began and the next request starts to arrive (that request is
+    // not taken), so the caller can close its end of the line and open it
+    // again, as a controller that restarts would; 0: never.
+    uint32_t restartAfterReplies = 0;
 };
 
 struct ServerCounters {
@@ -48,7 +54,13 @@ struct ServerCounters {
 
 class Server {
 public:
-    // The controller, memory and line must outlive the server.
+    // What run() returns.
+    static constexpr int kStopped = 0;     // stopped on request, or runForMs passed
+    static constexpr int kLineFailed = 1;  // the line failed (error() says how)
+    static constexpr int kRestartDue = 2;  // restartAfterReplies replies went out
+
+    // The controller, memory and line must outlive the server (or, for the
+    // line, its use: see resume).
     Server(Controller& controller, TagMemory& memory, SerialLine& line, ServerOptions options);
     ~Server();
     Server(const Server&) = delete;
@@ -61,13 +73,21 @@ public:
     // Stops the thread and waits for it; harmless when not running.
     void stop();
 
-    // Serves in the calling thread until requestStop(), runForMs or a line
-    // error. Returns 0 after a requested or timed stop, 1 after a line error
-    // (error() says which).
+    // Serves in the calling thread until requestStop(), runForMs, a line
+    // error or a due restart: kStopped, kLineFailed (error() says which) or
+    // kRestartDue.
     int run();
     // Asks run() to return. Async-signal-safe: may be called from a signal
     // handler.
     void requestStop() noexcept;
+
+    // Serves line from the next run() on, instead of the line it served
+    // before (which may be gone by then); the controller, the memory, the
+    // counters and the runForMs deadline go on. Not while running.
+    void resume(SerialLine& line);
+    // Sleeps up to ms, ending early when a stop is asked for; true then (the
+    // request is taken). For a caller waiting to reopen a line between runs.
+    bool waitForStop(uint32_t ms);
 
     // Sees every chunk of requests read and of replies written, with the
     // time of the read or the write (a capture). Set it before start() or
@@ -103,10 +123,17 @@ private:
     // Records the failing call and errno's reason for error().
     void fail(const std::string& what);
 
+    // A due restart: restartAfterReplies replies of this run have all gone
+    // out.
+    bool restartDue(const Session& session) const;
+
     Controller& controller_;
     TagMemory& memory_;
-    SerialLine& line_;
+    SerialLine* line_;
     const ServerOptions options_;
+    // The runForMs deadline, kept by resume() for the next run.
+    int64_t endNs_ = 0;
+    bool resumed_ = false;
     TrafficObserver observer_;
     int stopFd_ = -1;
     std::thread thread_;

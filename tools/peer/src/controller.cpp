@@ -35,7 +35,10 @@ std::optional<std::vector<uint8_t>> AnswerDf1Message(const std::vector<uint8_t>&
 }
 
 Controller::Controller(TagMemory& memory, ControllerOptions options)
-    : memory_(memory), options_(options), remoteTransaction_(options.remoteTransactionStart) {}
+    : memory_(memory),
+      options_(options),
+      remoteTransaction_(options.remoteTransactionStart),
+      noiseRandom_(faults_.noiseSeed) {}
 
 void Controller::resetReceiver() {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -50,6 +53,9 @@ bool Controller::receiverIdle() const {
 
 void Controller::setFaults(const FaultPlan& plan) {
     std::lock_guard<std::mutex> lock(mutex_);
+    // A new seed starts its own sequence; the same seed again (a plan
+    // re-armed for the next exchange) goes on with the current one.
+    if (plan.noiseSeed != faults_.noiseSeed) noiseRandom_.seed(plan.noiseSeed);
     faults_ = plan;
 }
 
@@ -89,6 +95,22 @@ bool Controller::hits(FaultRule* rule, uint64_t sequence) {
     }
     if (rule->every && sequence % rule->every == 0) hit = true;
     return hit;
+}
+
+std::vector<uint8_t> Controller::noiseBurst(std::size_t n) {
+    constexpr uint32_t kByteMask = 0xFF;
+    std::vector<uint8_t> burst;
+    burst.reserve(n);
+    while (burst.size() < n) {
+        const auto b = static_cast<uint8_t>(noiseRandom_() & kByteMask);
+        // DLE STX would start a frame of noise; a DLE last would pair with
+        // the DLE that begins the reply.
+        const bool afterDle = !burst.empty() && burst.back() == df1::kDle;
+        if (afterDle && b == df1::kStx) continue;
+        if (burst.size() + 1 == n && b == df1::kDle) continue;
+        burst.push_back(b);
+    }
+    return burst;
 }
 
 std::vector<Transmission> Controller::receive(const uint8_t* bytes, std::size_t n, int64_t nowMs) {
@@ -188,6 +210,11 @@ void Controller::sendReply(std::vector<uint8_t> body, int64_t nowMs,
         const std::size_t cut =
             std::min<std::size_t>(faults_.truncateBytes, transmission.bytes.size());
         transmission.bytes.resize(transmission.bytes.size() - cut);
+    }
+    if (hits(&faults_.noise, sequence)) {
+        ++counters_.noise;
+        const std::vector<uint8_t> burst = noiseBurst(faults_.noiseBytes);
+        transmission.bytes.insert(transmission.bytes.begin(), burst.begin(), burst.end());
     }
     if (hits(&faults_.late, sequence)) {
         ++counters_.delayed;

@@ -257,6 +257,7 @@ const char* LineOutcomeName(LineOutcome outcome) {
         case LineOutcome::kTimeout: return "timeout";
         case LineOutcome::kStopped: return "stopped";
         case LineOutcome::kError: return "error";
+        case LineOutcome::kLineDown: return "line down";
     }
     return "?";
 }
@@ -268,6 +269,7 @@ HostPort::~HostPort() {
 void HostPort::close() {
     if (fd_ >= 0) ::close(fd_);
     fd_ = -1;
+    down_ = false;
 }
 
 bool HostPort::open(const std::string& path, int baud, std::string* error) {
@@ -276,7 +278,60 @@ bool HostPort::open(const std::string& path, int baud, std::string* error) {
     if (fd < 0) return false;
     fd_ = fd;
     path_ = path;
+    baud_ = baud;
+    linesLost_ = 0;
     return true;
+}
+
+void HostPort::goDown() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+    down_ = true;
+    ++linesLost_;
+    downSinceMs_ = MonotonicMs();
+    reopenAttempts_ = 0;
+    reopenError_.clear();
+    reopenDelayMs_ = kReopenFirstMs;
+    nextAttemptMs_ = downSinceMs_ + reopenDelayMs_;
+}
+
+bool HostPort::reopenIfDue() {
+    if (!down_) return fd_ >= 0;
+    const int64_t now = MonotonicMs();
+    if (now < nextAttemptMs_) return false;
+    ++reopenAttempts_;
+    const int fd = OpenTerminal(path_, baud_, &reopenError_);
+    if (fd < 0) {
+        reopenDelayMs_ = std::min(reopenDelayMs_ * 2, kReopenLongestMs);
+        nextAttemptMs_ = now + reopenDelayMs_;
+        return false;
+    }
+    fd_ = fd;
+    down_ = false;
+    return true;
+}
+
+LineOutcome HostPort::waitWhileDown(int64_t deadlineMs, int wakeFd) {
+    for (;;) {
+        if (down_) reopenIfDue();
+        const int64_t now = MonotonicMs();
+        if (now >= deadlineMs) return LineOutcome::kLineDown;
+        // Wake for the next attempt while down; once the line is back, the
+        // request that was never sent still takes its whole timeout.
+        const int64_t until = down_ ? std::min(deadlineMs, nextAttemptMs_) : deadlineMs;
+        pollfd wake{wakeFd, POLLIN, 0};
+        const int waitMs = static_cast<int>(std::max<int64_t>(0, until - now));
+        if (poll(&wake, wakeFd >= 0 ? 1 : 0, waitMs) > 0 && (wake.revents & POLLIN))
+            return LineOutcome::kStopped;
+    }
+}
+
+LineOutcome HostPort::afterFailure(int64_t deadlineMs, int wakeFd, std::vector<uint8_t>* reply) {
+    if (!reopen_) return LineOutcome::kError;
+    // Bytes of a reply cut off by the failure are no reply.
+    reply->clear();
+    goDown();
+    return waitWhileDown(deadlineMs, wakeFd);
 }
 
 LineOutcome HostPort::send(const uint8_t* request, std::size_t n, int wakeFd) {
@@ -337,22 +392,33 @@ void HostPort::dropStaleInput() {
 LineOutcome HostPort::exchange(const uint8_t* request, std::size_t n, int timeoutMs, int wakeFd,
                                std::vector<uint8_t>* reply) {
     reply->clear();
+    const int64_t deadlineMs = MonotonicMs() + timeoutMs;
+    if (down_ && !reopenIfDue()) return waitWhileDown(deadlineMs, wakeFd);
     if (fd_ < 0) {
         error_ = "port not open";
         return LineOutcome::kError;
     }
     dropStaleInput();
-    const LineOutcome sent = send(request, n, wakeFd);
-    if (sent != LineOutcome::kReply) return sent;
-    return collect(timeoutMs, wakeFd, reply);
+    LineOutcome outcome = send(request, n, wakeFd);
+    if (outcome == LineOutcome::kReply) outcome = receive(timeoutMs, wakeFd, reply);
+    if (outcome != LineOutcome::kError) return outcome;
+    return afterFailure(deadlineMs, wakeFd, reply);
 }
 
 LineOutcome HostPort::collect(int timeoutMs, int wakeFd, std::vector<uint8_t>* reply) {
     reply->clear();
+    const int64_t deadlineMs = MonotonicMs() + timeoutMs;
+    if (down_ && !reopenIfDue()) return waitWhileDown(deadlineMs, wakeFd);
     if (fd_ < 0) {
         error_ = "port not open";
         return LineOutcome::kError;
     }
+    const LineOutcome outcome = receive(timeoutMs, wakeFd, reply);
+    if (outcome != LineOutcome::kError) return outcome;
+    return afterFailure(deadlineMs, wakeFd, reply);
+}
+
+LineOutcome HostPort::receive(int timeoutMs, int wakeFd, std::vector<uint8_t>* reply) {
     Df1Receiver receiver(Side::kReplies, 65536);
     const int64_t deadline = MonotonicMs() + timeoutMs;
     uint8_t buffer[512];
@@ -382,6 +448,12 @@ LineOutcome HostPort::collect(int timeoutMs, int wakeFd, std::vector<uint8_t>* r
             return LineOutcome::kError;
         }
         if (r > 0) observe(Traffic::kReceived, buffer, static_cast<std::size_t>(r), MonotonicNs());
+        if (r == 0 && reopen_) {
+            // A hung-up line reads as end of file: the device is gone (a
+            // USB adapter unplugged), and only opening it again helps.
+            error_ = "the line " + path_ + " hung up";
+            return LineOutcome::kError;
+        }
         if (r == 0) {
             // A hung-up line reads as end of file; wait out the timeout
             // without spinning.

@@ -31,14 +31,14 @@ struct Server::Session {
         std::size_t sent = 0;
     };
 
-    Session(int64_t startNs, uint32_t runForMs)
-        : endNs(runForMs ? startNs + MsToNs(runForMs) : kForever),
-          lastTickNs(startNs),
-          lastRxNs(startNs) {}
+    Session(int64_t startNs, int64_t runEndNs, uint64_t repliesBefore)
+        : endNs(runEndNs), lastTickNs(startNs), lastRxNs(startNs), repliesAtStart(repliesBefore) {}
 
     const int64_t endNs;
     int64_t lastTickNs;
     int64_t lastRxNs;
+    // The controller's replies sent before this run (for a due restart).
+    const uint64_t repliesAtStart;
     std::deque<Pending> queue;
     // Set by each sending step: the line is full, or the head reply's next
     // byte may not start before nextByteNs.
@@ -47,7 +47,7 @@ struct Server::Session {
 };
 
 Server::Server(Controller& controller, TagMemory& memory, SerialLine& line, ServerOptions options)
-    : controller_(controller), memory_(memory), line_(line), options_(options) {
+    : controller_(controller), memory_(memory), line_(&line), options_(options) {
     stopFd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
 }
 
@@ -87,9 +87,31 @@ void Server::stop() {
 }
 
 int Server::run() {
-    if (stopFd_ < 0) return 1;
-    if (running_.exchange(true)) return 1;
+    if (stopFd_ < 0) return kLineFailed;
+    if (running_.exchange(true)) return kLineFailed;
     return loop();
+}
+
+void Server::resume(SerialLine& line) {
+    if (running_.load()) return;
+    line_ = &line;
+    resumed_ = true;
+}
+
+bool Server::waitForStop(uint32_t ms) {
+    pollfd stop = {stopFd_, POLLIN, 0};
+    const int timeoutMs = ms > static_cast<uint32_t>(INT32_MAX) ? INT32_MAX : static_cast<int>(ms);
+    if (poll(&stop, 1, timeoutMs) <= 0) return false;
+    uint64_t requests;
+    ssize_t ignored = read(stopFd_, &requests, sizeof requests);
+    (void)ignored;
+    return true;
+}
+
+bool Server::restartDue(const Session& session) const {
+    return options_.restartAfterReplies != 0 && session.queue.empty() &&
+           controller_.counters().repliesSent - session.repliesAtStart >=
+               options_.restartAfterReplies;
 }
 
 void Server::requestStop() noexcept {
@@ -120,23 +142,32 @@ void Server::announceReady() {
 
 int Server::loop() {
     announceReady();
-    Session session(MonotonicNs(), options_.runForMs);
-    int result = 0;
+    const int64_t startNs = MonotonicNs();
+    if (!resumed_) endNs_ = options_.runForMs ? startNs + MsToNs(options_.runForMs) : kForever;
+    resumed_ = false;
+    Session session(startNs, endNs_, controller_.counters().repliesSent);
+    int result = kStopped;
     for (;;) {
         const int64_t now = MonotonicNs();
         if (now >= session.endNs) break;
         tick(session, now);
         if (!sendDue(session, now)) {
-            result = 1;
+            result = kLineFailed;
             break;
         }
         short lineEvents = 0;
         const Wake wake = waitForWork(session, now, &lineEvents);
         if (wake == Wake::kInterrupted) continue;
         if (wake == Wake::kStop) break;
+        // The restart waits for the next request, so the last reply has
+        // surely been taken: closing a line drops what it still holds.
+        if (wake == Wake::kWork && (lineEvents & POLLIN) && restartDue(session)) {
+            result = kRestartDue;
+            break;
+        }
         const int64_t woke = MonotonicNs();
         if (wake == Wake::kFailed || !takeInput(session, lineEvents, woke)) {
-            result = 1;
+            result = kLineFailed;
             break;
         }
         resetAfterGap(session, woke);
@@ -166,7 +197,8 @@ bool Server::sendDue(Session& session, int64_t nowNs) {
         const std::size_t allowed =
             PacedBytesAllowed(nowNs - head.startNs, options_.paceBaud, head.bytes.size());
         if (allowed > head.sent) {
-            const ssize_t n = write(line_.fd(), head.bytes.data() + head.sent, allowed - head.sent);
+            const ssize_t n =
+                write(line_->fd(), head.bytes.data() + head.sent, allowed - head.sent);
             if (n < 0 && errno != EAGAIN && errno != EINTR) {
                 fail("write");
                 return false;
@@ -215,7 +247,7 @@ int64_t Server::wakeTime(const Session& session, int64_t nowNs) const {
 
 Server::Wake Server::waitForWork(const Session& session, int64_t nowNs, short* lineEvents) {
     const short lineWants = static_cast<short>(POLLIN | (session.waitWritable ? POLLOUT : 0));
-    pollfd fds[2] = {{line_.fd(), lineWants, 0}, {stopFd_, POLLIN, 0}};
+    pollfd fds[2] = {{line_->fd(), lineWants, 0}, {stopFd_, POLLIN, 0}};
     const int64_t wakeNs = wakeTime(session, nowNs);
     timespec timeout{};
     if (wakeNs != kForever) {
@@ -246,9 +278,16 @@ bool Server::takeInput(Session& session, short lineEvents, int64_t nowNs) {
         return false;
     }
     uint8_t buffer[4096];
-    const ssize_t n = read(line_.fd(), buffer, sizeof buffer);
+    const ssize_t n = read(line_->fd(), buffer, sizeof buffer);
     if (n < 0 && errno != EAGAIN && errno != EINTR) {
         fail("read");
+        return false;
+    }
+    if (n == 0 && (lineEvents & (POLLERR | POLLHUP))) {
+        // A hung-up device (a USB adapter unplugged) reads as end of file
+        // for ever: it is gone, not quiet.
+        errno = EIO;
+        fail("line hung up");
         return false;
     }
     if (n <= 0) return true;
