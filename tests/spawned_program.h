@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <mutex>
 #include <poll.h>
+#include <regex>
 #include <spawn.h>
 #include <sstream>
 #include <string>
@@ -23,10 +24,14 @@ extern char** environ;
 
 class SpawnedProgram {
 public:
+    // Where the program's stderr goes: a text of its own, or into stdout's
+    // (in the order written) for a program whose story spans both.
+    enum class Stderr { kApart, kWithStdout };
+
     // launcher: words put before the program (an emulator for a cross build;
     // empty natively). stdin is /dev/null.
     SpawnedProgram(const std::string& launcher, const std::string& program,
-                   const std::vector<std::string>& args) {
+                   const std::vector<std::string>& args, Stderr stderrGoes = Stderr::kApart) {
         int out[2];
         int err[2];
         if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return;
@@ -34,7 +39,8 @@ public:
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
         posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+        posix_spawn_file_actions_adddup2(&actions, stderrGoes == Stderr::kApart ? err[1] : out[1],
+                                         2);
         std::vector<std::string> all;
         std::istringstream words(launcher);
         for (std::string word; words >> word;) all.push_back(word);
@@ -73,14 +79,39 @@ public:
         return end == std::string::npos ? "" : out_.substr(0, end);
     }
 
+    // Waits until stdout from position `from` on matches pattern; the
+    // position just after the match, or std::string::npos when the program
+    // ends or timeoutMs passes first.
+    std::size_t waitFor(const std::string& pattern, std::size_t from, int timeoutMs) {
+        const std::regex re(pattern);
+        std::size_t found = std::string::npos;
+        const auto matched = [&] {
+            std::smatch m;
+            const std::string tail = from < out_.size() ? out_.substr(from) : "";
+            if (!std::regex_search(tail, m, re)) return ended_;
+            found = from + static_cast<std::size_t>(m.position(0) + m.length(0));
+            return true;
+        };
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), matched);
+        return found;
+    }
+
     // Waits for the program to end (all its output read); its exit code, or
     // -1 when a signal ended it.
     int wait() {
         if (reader_.joinable()) reader_.join();
-        int status = 0;
-        if (pid_ > 0) waitpid(pid_, &status, 0);
+        if (pid_ > 0) waitpid(pid_, &status_, 0);
         pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
+    }
+    // False once the program has ended (it is reaped then; wait() still
+    // gives its exit code).
+    bool running() {
+        if (pid_ <= 0) return false;
+        if (waitpid(pid_, &status_, WNOHANG) == 0) return true;
+        pid_ = -1;
+        return false;
     }
 
     std::string out() const {
@@ -120,6 +151,7 @@ private:
     }
 
     pid_t pid_ = -1;
+    int status_ = 0;
     std::thread reader_;
     mutable std::mutex mutex_;
     std::condition_variable changed_;

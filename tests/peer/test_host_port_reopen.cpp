@@ -4,6 +4,7 @@
 // reopening on, the port reports the line down, paces its exchanges at the
 // reply timeout, backs off its attempts to reopen and carries replies again
 // once the line is back. ABCL_TEST_LABEL_THREAD
+#include "../served_controller.h"
 #include "peer/controller.h"
 #include "peer/df1.h"
 #include "peer/line.h"
@@ -38,48 +39,13 @@ const std::vector<uint8_t> kRequest =
     peer::FrameRequest({0x00, 0x00, 0x0B, 0x00, 0x21, 0x00, 0x00, 0x00, 0x4C, 0x03, 0x91, 0x04, 'N',
                         '0', '0', '7', 0x01, 0x00});
 
-// A controller served on a fresh pseudo-terminal behind linkPath; closing it
-// closes the master, which hangs up every host that has the peer open.
-class ServedLink {
-public:
-    explicit ServedLink(const std::string& linkPath) {
-        std::string error;
-        line_ = peer::SerialLine::OpenPty(linkPath, &error);
-        EXPECT_TRUE(line_) << error;
-        if (!line_) return;
-        peer::ServerOptions options;
-        options.paceBaud = 0;
-        options.turnaroundMs = 0;
-        options.tickIntervalMs = 0;
-        server_ = std::make_unique<peer::Server>(controller_, memory_, *line_, options);
-        EXPECT_TRUE(server_->start(&error)) << error;
-    }
-    ~ServedLink() { close(); }
-    void close() {
-        if (server_) server_->stop();
-        server_.reset();
-        line_.reset();
-    }
+// The far end, answering at once.
+std::unique_ptr<ServedController> Serve(const std::string& linkPath) {
+    return std::make_unique<ServedController>(linkPath, 0, 0);
+}
 
-private:
-    peer::TagMemory memory_;
-    peer::Controller controller_{memory_};
-    std::unique_ptr<peer::SerialLine> line_;
-    std::unique_ptr<peer::Server> server_;
-};
-
-class ReopeningPort : public ::testing::Test {
+class ReopeningPort : public LinkFolder {
 protected:
-    void SetUp() override {
-        char dir[] = "/tmp/peer_reopen_XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        dir_ = dir;
-        link_ = dir_ + "/plc";
-    }
-    void TearDown() override {
-        unlink(link_.c_str());
-        rmdir(dir_.c_str());
-    }
     peer::LineOutcome Exchange(int timeoutMs, int wakeFd = -1) {
         return port.exchange(kRequest.data(), kRequest.size(), timeoutMs, wakeFd, &reply);
     }
@@ -91,8 +57,6 @@ protected:
         EXPECT_TRUE(reply.empty());
     }
 
-    std::string dir_;
-    std::string link_;
     peer::HostPort port;
     std::vector<uint8_t> reply;
 };
@@ -100,7 +64,7 @@ protected:
 }  // namespace
 
 TEST_F(ReopeningPort, LineThatVanishesIsShownDownAndCarriesRepliesOnceBack) {
-    auto first = std::make_unique<ServedLink>(link_);
+    auto first = Serve(link_);
     std::string error;
     ASSERT_TRUE(port.open(link_, kBaud, &error)) << error;
     port.setReopen(true);
@@ -120,7 +84,7 @@ TEST_F(ReopeningPort, LineThatVanishesIsShownDownAndCarriesRepliesOnceBack) {
     EXPECT_GE(port.reopenAttempts(), 1);
     EXPECT_NE(port.reopenError().find(link_), std::string::npos) << port.reopenError();
 
-    ServedLink second(link_);
+    auto second = Serve(link_);
     peer::LineOutcome outcome = peer::LineOutcome::kLineDown;
     for (int i = 0; i < kExchangesToComeBack && outcome != peer::LineOutcome::kReply; ++i)
         outcome =
@@ -133,7 +97,7 @@ TEST_F(ReopeningPort, LineThatVanishesIsShownDownAndCarriesRepliesOnceBack) {
 }
 
 TEST_F(ReopeningPort, AttemptsBackOffInsteadOfSpinning) {
-    auto served = std::make_unique<ServedLink>(link_);
+    auto served = Serve(link_);
     std::string error;
     ASSERT_TRUE(port.open(link_, kBaud, &error)) << error;
     port.setReopen(true);
@@ -151,7 +115,7 @@ TEST_F(ReopeningPort, AttemptsBackOffInsteadOfSpinning) {
 }
 
 TEST_F(ReopeningPort, WakeDescriptorEndsTheWaitOfADownLine) {
-    auto served = std::make_unique<ServedLink>(link_);
+    auto served = Serve(link_);
     std::string error;
     ASSERT_TRUE(port.open(link_, kBaud, &error)) << error;
     port.setReopen(true);
@@ -169,7 +133,7 @@ TEST_F(ReopeningPort, WakeDescriptorEndsTheWaitOfADownLine) {
 }
 
 TEST_F(ReopeningPort, WithoutReopeningAFailedLineIsAnError) {
-    auto served = std::make_unique<ServedLink>(link_);
+    auto served = Serve(link_);
     std::string error;
     ASSERT_TRUE(port.open(link_, kBaud, &error)) << error;
     ASSERT_EQ(Exchange(kReplyTimeoutMs), peer::LineOutcome::kReply);
