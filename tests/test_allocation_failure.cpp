@@ -35,6 +35,7 @@
 #endif
 #endif
 
+#if !defined(ABCL_SANITIZED)
 namespace {
 
 // Counting and failing allocations made while a driver call runs.
@@ -55,7 +56,6 @@ bool FailThisOne() {
 
 }  // namespace
 
-#if !defined(ABCL_SANITIZED)
 // The test program's allocation functions take precedence over the C
 // library's for the whole process, Qt's included; each passes the call on
 // unless it is the one to fail.
@@ -78,7 +78,6 @@ void free(void* p) {
     __libc_free(p);
 }
 }
-#endif
 
 namespace {
 
@@ -199,6 +198,11 @@ long AllocationsInACycle() {
     rig.cycle();
     return rig.escaped ? -1 : g_allocations;
 }
+
+}  // namespace
+#endif
+
+namespace {
 
 TEST(AllocationFailure, EveryFailingAllocationOfACycle_NoExceptionEscapesAndTheDriverRecovers) {
 #if defined(ABCL_SANITIZED)
