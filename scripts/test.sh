@@ -247,6 +247,8 @@ do_tsan() {
     # shellcheck disable=SC2206 # the prefix is a plain command line
     local -a ctest_prefix=($prefix)
     # No test carrying the label yet is not a failure: ctest then reports 0.
+    # The programs labelled "race" (tests/race) break a threading rule on
+    # purpose and must make ThreadSanitizer report; they are not selected here.
     TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$repo_root/scripts/tsan-suppressions.txt${TSAN_OPTIONS:+:$TSAN_OPTIONS}" \
         test_build "$dir" $rc -L thread --no-tests=ignore
 }
