@@ -594,6 +594,38 @@ local function describe_request(req)
     return text
 end
 
+-- The Multiple Service Packet's service count and offset table (the offsets
+-- count from the service count), then each embedded message (noun: "request"
+-- or "reply") in a subtree of its own, handed to dissect_one(start, stop,
+-- sub), which returns the decoded message or nil. Returns the messages.
+local function dissect_embedded(tvb, rd, tree, to, noun, dissect_one)
+    local found = {}
+    local base_pos = rd.pos
+    local r = rd:take(2)
+    local count = r:le_uint()
+    tree:add_le(f.cip_services, r)
+    if not rd:has(2 * count) then short(tree, "offset table"); return found end
+    local offsets = {}
+    for i = 1, count do
+        r = rd:take(2)
+        offsets[i] = r:le_uint()
+        tree:add_le(f.cip_service_offset, r)
+    end
+    for i = 1, count do
+        local start = base_pos + offsets[i]
+        local stop = (i < count) and (base_pos + offsets[i + 1]) or to
+        if start < rd.pos or start > to or stop > to or stop < start then
+            tree:add_proto_expert_info(e.malformed, "Embedded " .. noun .. " offset out of range")
+            break
+        end
+        local sub = tree:add(df1, tvb:range(start, math.max(stop - start, 0)),
+            string.format("Embedded %s #%d", noun, i))
+        local message = dissect_one(start, stop, sub)
+        if message then found[#found + 1] = message end
+    end
+    return found
+end
+
 -- The CIP request of a 0x0B message: a Multiple Service Packet for the
 -- Message Router, or a single tag service.
 local function dissect_cip_request(tvb, from, to, tree)
@@ -619,36 +651,16 @@ local function dissect_cip_request(tvb, from, to, tree)
     dissect_path(rd, path_bytes, tree)
 
     -- Service count and offset table; the offsets count from the service count.
-    local base_pos = rd.pos
     if not rd:has(2) then short(tree, "service count"); return requests end
-    local r = rd:take(2)
-    local count = r:le_uint()
-    tree:add_le(f.cip_services, r)
-    if not rd:has(2 * count) then short(tree, "offset table"); return requests end
-    local offsets = {}
-    for i = 1, count do
-        r = rd:take(2)
-        offsets[i] = r:le_uint()
-        tree:add_le(f.cip_service_offset, r)
-    end
-    for i = 1, count do
-        local start = base_pos + offsets[i]
-        local stop = (i < count) and (base_pos + offsets[i + 1]) or to
-        if start < rd.pos or start > to or stop > to or stop < start then
-            tree:add_proto_expert_info(e.malformed, "Embedded service offset out of range")
-            break
-        end
-        local sub = tree:add(df1, tvb:range(start, math.max(stop - start, 0)),
-            string.format("Embedded request #%d", i))
-        if stop > start then
-            local req = dissect_tag_request(tvb, start, stop, sub)
-            sub:append_text(": " .. describe_request(req))
-            requests[#requests + 1] = req
-        else
+    return dissect_embedded(tvb, rd, tree, to, "request", function(start, stop, sub)
+        if stop <= start then
             short(sub, "embedded request")
+            return nil
         end
-    end
-    return requests
+        local req = dissect_tag_request(tvb, start, stop, sub)
+        sub:append_text(": " .. describe_request(req))
+        return req
+    end)
 end
 
 -- Reply header of any CIP service: service|0x80, reserved, general status,
@@ -732,32 +744,12 @@ local function dissect_cip_reply(tvb, from, to, tree)
         if rest then tree:add(f.cip_data, rest) end
         return replies
     end
-    local base_pos = rd.pos
-    local r = rd:take(2)
-    local count = r:le_uint()
-    tree:add_le(f.cip_services, r)
-    if not rd:has(2 * count) then short(tree, "offset table"); return replies end
-    local offsets = {}
-    for i = 1, count do
-        r = rd:take(2)
-        offsets[i] = r:le_uint()
-        tree:add_le(f.cip_service_offset, r)
-    end
-    for i = 1, count do
-        local start = base_pos + offsets[i]
-        local stop = (i < count) and (base_pos + offsets[i + 1]) or to
-        if start < rd.pos or start > to or stop > to or stop < start then
-            tree:add_proto_expert_info(e.malformed, "Embedded reply offset out of range")
-            break
-        end
-        local sub = tree:add(df1, tvb:range(start, math.max(stop - start, 0)),
-            string.format("Embedded reply #%d", i))
+    return dissect_embedded(tvb, rd, tree, to, "reply", function(start, stop, sub)
         local reply = dissect_tag_reply(tvb, start, stop, sub)
         sub:append_text(": " .. (service_names[reply.service or -1] or "service") .. " "
             .. describe_reply(reply))
-        replies[#replies + 1] = reply
-    end
-    return replies
+        return reply
+    end)
 end
 
 -- The packet's top-level tree: Wireshark's CIP tree goes there, beside this
