@@ -4,6 +4,7 @@
 #define ABCL_BENCH_MEMORY_SUPPORT_H
 
 #include "ab_controllogix_compactlogix.h"
+#include "linked_controller.h"
 #include "peer/controller.h"
 #include "peer/host_loop.h"
 #include "peer/tag_memory.h"
@@ -38,14 +39,7 @@ public:
         plan.drop.every = n;
         controller_.setFaults(plan);
     }
-    QByteArray answer(const QByteArray& frame) {
-        QByteArray reply;
-        const auto* bytes = reinterpret_cast<const uint8_t*>(frame.constData());
-        for (const auto& t : controller_.receive(bytes, static_cast<std::size_t>(frame.size()), 0))
-            reply.append(reinterpret_cast<const char*>(t.bytes.data()),
-                         static_cast<int>(t.bytes.size()));
-        return reply;
-    }
+    QByteArray answer(const QByteArray& frame) { return replies::AnswerOf(controller_, frame); }
 
 private:
     peer::TagMemory memory_;

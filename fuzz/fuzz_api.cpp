@@ -59,6 +59,7 @@
 #include "fuzz_support.h"
 
 #include "Func_Initi.h"
+#include "linked_controller.h"
 #include "peer/controller.h"
 #include "peer/df1.h"
 #include "peer/remote_link.h"
@@ -468,10 +469,7 @@ QByteArray ControllerReply(const Protocol& p, peer::TagMemory& memory) {
     peer::ControllerOptions options;
     options.mode = IsRemoteFrame(p.frame) ? peer::LinkMode::kRemote : peer::LinkMode::kDirect;
     peer::Controller controller(memory, options);
-    QByteArray reply;
-    for (const peer::Transmission& t : controller.receive(replies::ToBytes(p.frame), 0))
-        reply.append(replies::ToQt(t.bytes));
-    return reply;
+    return replies::AnswerOf(controller, p.frame);
 }
 
 struct Mutation {

@@ -28,6 +28,15 @@ inline std::vector<peer::DataFile> LayoutWith(const std::vector<peer::DataFile>&
     return layout;
 }
 
+// Everything a controller sends in answer to a request frame arriving at
+// nowMs, as the host would read it off the line; empty while it is silent.
+inline QByteArray AnswerOf(peer::Controller& controller, const QByteArray& frame,
+                           int64_t nowMs = 0) {
+    QByteArray reply;
+    for (const auto& t : controller.receive(ToBytes(frame), nowMs)) reply.append(ToQt(t.bytes));
+    return reply;
+}
+
 // A controller whose memory the test sets and reads, and which keeps every
 // request it received, decoded.
 class LinkedController {
@@ -39,10 +48,7 @@ public:
     // The reply bytes for a request frame; empty while silent.
     QByteArray Answer(const QByteArray& frame) {
         log.push_back(DecodeRequest(frame));
-        QByteArray reply;
-        for (const auto& t : controller.receive(ToBytes(frame), kNowMs))
-            reply.append(ToQt(t.bytes));
-        return reply;
+        return AnswerOf(controller, frame, kNowMs);
     }
 
     // Requests are still received, but nothing is answered.

@@ -11,6 +11,7 @@
 #include "test_support.h"
 
 #include "fresh_driver.h"
+#include "linked_controller.h"
 #include "peer/controller.h"
 #include "peer/tag_memory.h"
 
@@ -132,12 +133,7 @@ struct Rig {
             Protocol* request = nullptr;
             drive("ComCommunication", [&] { request = ComCommunication(); });
             if (!request) continue;
-            const QByteArray frame = request->frame;
-            QByteArray reply;
-            const auto* bytes = reinterpret_cast<const uint8_t*>(frame.constData());
-            for (const auto& t : controller.receive(bytes, static_cast<size_t>(frame.size()), 0))
-                reply.append(reinterpret_cast<const char*>(t.bytes.data()),
-                             static_cast<int>(t.bytes.size()));
+            const QByteArray reply = replies::AnswerOf(controller, request->frame);
             drive("DataCom", [&] { DataCom(reply, reply.size()); });
         }
     }

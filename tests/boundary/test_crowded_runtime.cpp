@@ -5,6 +5,7 @@
 // callback and controller, and both run at the same time on threads of their
 // own. Nothing may cross: each copy's cyclic list, queues, image, callbacks
 // and counters stay its own, and the foreign library is never called.
+#include "../linked_controller.h"
 #include "ab_controllogix_compactlogix.h"
 #include "peer/controller.h"
 #include "peer/host_loop.h"
@@ -98,14 +99,7 @@ struct Copy {
         for (ReadVarItem& item : items) list.append(&item);
     }
 
-    QByteArray answer(const QByteArray& frame) {
-        QByteArray reply;
-        const auto* bytes = reinterpret_cast<const uint8_t*>(frame.constData());
-        for (const auto& t : controller.receive(bytes, static_cast<std::size_t>(frame.size()), 0))
-            reply.append(reinterpret_cast<const char*>(t.bytes.data()),
-                         static_cast<int>(t.bytes.size()));
-        return reply;
-    }
+    QByteArray answer(const QByteArray& frame) { return replies::AnswerOf(controller, frame); }
 
     // The host's start-up, then its loop: a write and a one-shot read handed
     // in on the way, as screens do.
