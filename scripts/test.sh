@@ -119,6 +119,10 @@ run_ctest() {
     # ctest counts a skipped test (GTEST_SKIP) as not failed; it is listed
     # under "did not run" with "(Skipped)" and counted apart here.
     run_skipped[$run]=$(grep -cE '^[[:space:]]+[0-9]+ - .* \(Skipped\)$' "$log")
+    # The names of the failed tests, kept for the summary: a long log may be
+    # cut where it is read, and the summary is its last part.
+    run_failures[$run]=$(sed -n '/^The following tests FAILED:/,/^Errors while running CTest/p' "$log" |
+        grep -E '^[[:space:]]+[0-9]+ - ' | sed -E 's/^[[:space:]]+/    /')
     if [[ $line =~ ([0-9]+)\ tests?\ failed\ out\ of\ ([0-9]+) ]]; then
         run_failed[$run]=${BASH_REMATCH[1]}
         run_passed[$run]=$((BASH_REMATCH[2] - BASH_REMATCH[1] - run_skipped[$run]))
@@ -311,7 +315,7 @@ do_package() {
     run_status[$run]="passed ($counts)"
 }
 
-declare -A run_note
+declare -A run_note run_failures
 ctest_prefix=()
 for run in $runs; do
     banner "$run"
@@ -327,6 +331,7 @@ done
 banner "summary"
 for run in $runs; do
     printf '%-8s %s%s   [%s]\n' "$run:" "${run_status[$run]:-not run}" "${run_note[$run]:-}" "${run_times[$run]}"
+    [[ -n ${run_failures[$run]:-} ]] && printf '%s\n' "${run_failures[$run]}"
 done
 echo "whole script: $(elapsed $((SECONDS - script_start)))"
 ((total_failed > 0)) && any_failure=1
