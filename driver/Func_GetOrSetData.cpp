@@ -192,6 +192,39 @@ int QueueWrite(RW_VAR* w) {
     return length;
 }
 
+// Queues parts [0, parts) of a host write, each as if queued on its own and
+// shown in the image at once while the link is failing. makePart(k, &w)
+// fills in part k, starting from the write's record. While the queue has
+// room, as many parts as fit are queued under one hold of the list lock (made
+// before it is taken); once it is full, a part can only replace a queued
+// write of the same place and size, so replaceRest(k) matches parts [k,
+// parts) against the queue in one pass and returns its length, or -1 if the
+// queue has room again.
+template <typename MakePart, typename ReplaceRest>
+int QueueParts(RW_VAR* w, int parts, MakePart makePart, ReplaceRest replaceRest) {
+    int length = 0;
+    std::vector<RW_VAR> batch;
+    for (int k = 0; k < parts;) {
+        if (length >= kQueueLimit) {
+            const int full = replaceRest(k);
+            if (full >= 0) return full;
+        }
+        if (k == parts - 1) {  // a lone part needs no batch
+            makePart(k, w);
+            return QueueWrite(w);
+        }
+        // No more than a queue's worth of parts can be queued in one go.
+        batch.assign(static_cast<size_t>(std::min(parts - k, kQueueLimit)), *w);
+        for (size_t i = 0; i < batch.size(); ++i) makePart(k + static_cast<int>(i), &batch[i]);
+        size_t taken = 0;
+        length = QueueWritesWhileRoom(batch, &taken);
+        for (size_t i = 0; i < taken; ++i)
+            if (commErrorSet()) WriteDataToLocal(&batch[i]);
+        k += static_cast<int>(taken);
+    }
+    return length;
+}
+
 // Shows bits [next, count) of a write in the image at once, while the link is
 // failing, as queuing each bit on its own would.
 void MirrorBits(const RW_VAR& bit, int32_t first, int next, int count, const QByteArray& values) {
@@ -204,38 +237,28 @@ void MirrorBits(const RW_VAR& bit, int32_t first, int next, int count, const QBy
     WriteDataToLocal(&bits);
 }
 
-// Every bit is its own write request. Once the queue is full the rest can
-// only replace queued writes of the same bits: that is done in one pass over
-// the queue instead of one pass per bit.
+// Every bit is its own write request.
 int QueueBitWrites(RW_VAR* w, int32_t first, const QByteArray& values, int count) {
-    int length = 0;
-    for (int i = 0; i < count; ++i) {
-        if (length >= kQueueLimit) {
-            // Bit `index` of the write is at first + index.
-            const int full = ReplaceQueuedWritesIfFull(*w, [&](const RW_VAR& queued, RW_VAR* bit) {
-                const uint32_t index =
-                    static_cast<uint32_t>(queued.address) - static_cast<uint32_t>(first);
-                if (queued.count != 1 || index < static_cast<uint32_t>(i) ||
-                    index >= static_cast<uint32_t>(count))
-                    return false;
-                bit->count = 1;
-                bit->address = queued.address;
-                bit->data = QByteArray(1, index < static_cast<uint32_t>(values.size())
-                                              ? values.at(static_cast<int>(index))
-                                              : '\0');
-                return true;
-            });
-            if (full >= 0) {
-                MirrorBits(*w, first, i, count, values);
-                return full;
-            }
-        }
-        w->count = 1;
-        w->address = Wrap32(static_cast<int64_t>(first) + i);
-        w->data = QByteArray(1, i < values.size() ? values.at(i) : '\0');
-        length = QueueWrite(w);
-    }
-    return length;
+    const auto makeBit = [&](int i, RW_VAR* bit) {
+        bit->count = 1;
+        bit->address = Wrap32(static_cast<int64_t>(first) + i);
+        bit->data = QByteArray(1, i < values.size() ? values.at(i) : '\0');
+    };
+    const auto replaceRest = [&](int next) {
+        // Bit `index` of the write is at first + index.
+        const int full = ReplaceQueuedWritesIfFull(*w, [&](const RW_VAR& queued, RW_VAR* bit) {
+            const uint32_t index =
+                static_cast<uint32_t>(queued.address) - static_cast<uint32_t>(first);
+            if (queued.count != 1 || index < static_cast<uint32_t>(next) ||
+                index >= static_cast<uint32_t>(count))
+                return false;
+            makeBit(static_cast<int>(index), bit);
+            return true;
+        });
+        if (full >= 0) MirrorBits(*w, first, next, count, values);
+        return full;
+    };
+    return QueueParts(w, count, makeBit, replaceRest);
 }
 
 // Piece k of a word write: the address advances by maxCount elements and the
@@ -262,40 +285,35 @@ std::unordered_map<uint64_t, int> LastPieceByPlace(int32_t first, const PieceSpl
     return last;
 }
 
-// Every piece is its own write request; once the queue is full the rest can
-// only replace queued writes of the same place and size, matched in one pass
-// over the queue.
+// Every piece is its own write request.
 int QueueWordWrites(RW_VAR* w, int32_t first, const QByteArray& values, const PieceSplit& split,
                     int maxCount) {
-    int length = 0;
-    for (int k = 0; k < split.pieces; ++k) {
-        if (length >= kQueueLimit) {
-            const std::unordered_map<uint64_t, int> last =
-                LastPieceByPlace(first, split, maxCount, k);
-            const int full =
-                ReplaceQueuedWritesIfFull(*w, [&](const RW_VAR& queued, RW_VAR* piece) {
-                    const auto found =
-                        last.find((uint64_t{static_cast<uint32_t>(queued.address)} << 32) |
-                                  static_cast<uint32_t>(queued.count));
-                    if (found == last.end()) return false;
-                    MakeWordPiece(piece, first, values, split, maxCount, found->second);
-                    return true;
-                });
-            if (full >= 0) {
-                // While the link is failing each piece shows in the image at
-                // once, in order.
-                for (; k < split.pieces; ++k) {
-                    if (!commErrorSet()) continue;
-                    MakeWordPiece(w, first, values, split, maxCount, k);
-                    WriteDataToLocal(w);
-                }
-                return full;
+    const auto makePiece = [&](int k, RW_VAR* piece) {
+        MakeWordPiece(piece, first, values, split, maxCount, k);
+    };
+    const auto replaceRest = [&](int next) {
+        const std::unordered_map<uint64_t, int> last =
+            LastPieceByPlace(first, split, maxCount, next);
+        const int full = ReplaceQueuedWritesIfFull(*w, [&](const RW_VAR& queued, RW_VAR* piece) {
+            const auto found = last.find((uint64_t{static_cast<uint32_t>(queued.address)} << 32) |
+                                         static_cast<uint32_t>(queued.count));
+            if (found == last.end()) return false;
+            makePiece(found->second, piece);
+            return true;
+        });
+        if (full >= 0) {
+            // While the link is failing each piece shows in the image at
+            // once, in order.
+            RW_VAR piece = *w;
+            for (int k = next; k < split.pieces; ++k) {
+                if (!commErrorSet()) continue;
+                makePiece(k, &piece);
+                WriteDataToLocal(&piece);
             }
         }
-        MakeWordPiece(w, first, values, split, maxCount, k);
-        length = QueueWrite(w);
-    }
-    return length;
+        return full;
+    };
+    return QueueParts(w, split.pieces, makePiece, replaceRest);
 }
 
 int HandInValues(const QString& addr2, int dataType, const QString& addr, int station,

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -349,24 +350,79 @@ int ReCreatReadVarList(QList<ReadVarItem*>* items) {
 
 // ---- write queue and one-shot reads -------------------------------------------------
 
+namespace {
+
+// Queues one write in mode 0, with listMutex held. Entry 0 may be on the
+// wire; a newer value of a pending write replaces it, so a burst of values
+// leaves at most the one on the wire and the newest.
+void AppendOrReplaceWrite(QList<RW_VAR>* list, const RW_VAR& var) {
+    if (list->size() <= 1) {
+        list->append(var);
+        return;
+    }
+    for (int i = 1; i < list->size(); ++i) {
+        if (SameWrite(list->at(i), var)) {
+            (*list)[i] = var;
+            return;
+        }
+    }
+    if (list->size() < kQueueLimit) list->append(var);
+}
+
+uint64_t PlaceKey(const RW_VAR& w) {
+    return (uint64_t{static_cast<uint32_t>(w.address)} << 32) | static_cast<uint32_t>(w.count);
+}
+
+}  // namespace
+
 int QueueWriteRequest(RW_VAR* var, int mode) {
     AB_ControlLogix_CompactLogix& d = PLC_driver;
     DriverLock lock(&d.listMutex);
     if (!var) return d.writeList.size();
-    if (mode == 1 || d.writeList.size() <= 1) {
+    if (mode == 1)
         d.writeList.append(*var);
+    else
+        AppendOrReplaceWrite(&d.writeList, *var);
+    return d.writeList.size();
+}
+
+int QueueWritesWhileRoom(const std::vector<RW_VAR>& writes, size_t* taken) {
+    AB_ControlLogix_CompactLogix& d = PLC_driver;
+    *taken = 0;
+    if (writes.empty()) {
+        DriverLock lock(&d.listMutex);
         return d.writeList.size();
     }
-    // Entry 0 may be on the wire; a newer value of a pending write replaces it,
-    // so a burst of values leaves at most the one on the wire and the newest.
-    for (int i = 1; i < d.writeList.size(); ++i) {
-        if (SameWrite(d.writeList.at(i), *var)) {
-            d.writeList[i] = *var;
-            return d.writeList.size();
-        }
+    const RW_VAR& head = writes.front();
+    // The first entry after the one on the wire for each place and size of
+    // the writes' station and type: the entry a write there would replace.
+    // Looked up instead of scanning the queue for every write, which would
+    // cost up to a million comparisons under the lock.
+    std::unordered_map<uint64_t, int> firstAt;
+    firstAt.reserve(static_cast<size_t>(kQueueLimit));
+    DriverLock lock(&d.listMutex);
+    QList<RW_VAR>& list = d.writeList;
+    for (int j = 1; j < list.size(); ++j) {
+        const RW_VAR& e = list.at(j);
+        if (e.station == head.station && e.dataType == head.dataType) firstAt.emplace(PlaceKey(e), j);
     }
-    if (d.writeList.size() < kQueueLimit) d.writeList.append(*var);
-    return d.writeList.size();
+    size_t i = 0;
+    for (; i < writes.size(); ++i) {
+        if (i > 0 && list.size() >= kQueueLimit) break;
+        const RW_VAR& w = writes[i];
+        if (list.size() > 1) {
+            const auto found = firstAt.find(PlaceKey(w));
+            if (found != firstAt.end()) {
+                list[found->second] = w;
+                continue;
+            }
+            if (list.size() >= kQueueLimit) continue;
+        }
+        list.append(w);
+        if (list.size() > 1) firstAt.emplace(PlaceKey(w), list.size() - 1);
+    }
+    *taken = i;
+    return list.size();
 }
 
 int ReplaceQueuedWritesIfFull(const RW_VAR& write,
@@ -381,8 +437,7 @@ int ReplaceQueuedWritesIfFull(const RW_VAR& write,
     for (int j = 1; j < d.writeList.size(); ++j) {
         const RW_VAR& e = d.writeList.at(j);
         if (e.station != write.station || e.dataType != write.dataType) continue;
-        const uint64_t key =
-            (uint64_t{static_cast<uint32_t>(e.address)} << 32) | static_cast<uint32_t>(e.count);
+        const uint64_t key = PlaceKey(e);
         if (replaced.count(key)) continue;
         RW_VAR value = write;
         if (!replacement(e, &value)) continue;

@@ -9,8 +9,10 @@
 #include <QtCore/QList>
 #include <QtCore/QMutex>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <vector>
 
 #if defined(__SANITIZE_THREAD__)
 #define ABCL_TSAN 1
@@ -142,6 +144,13 @@ Result AtTheBoundary(Result nothingDone, Body body) noexcept {
 // calls an exported name, so no other library loaded into the host can take
 // those calls over.
 int QueueWriteRequest(RW_VAR* var, int mode);
+// Queues `writes` (all of one station and type) in order, as QueueWriteRequest
+// in mode 0 would one by one: the first always, the following ones while the
+// queue has room, all under one hold of listMutex, so that a screen thread
+// queuing a long write does not take the lock again and again while the
+// communication thread waits for it. Sets `taken` to how many were queued and
+// returns the queue's length.
+int QueueWritesWhileRoom(const std::vector<RW_VAR>& writes, size_t* taken);
 // For a write whose remaining pieces are still to be queued one by one: when
 // the write queue is full none of them can be appended, and each can only
 // replace a queued write of the same place and size, so the queue's entries
