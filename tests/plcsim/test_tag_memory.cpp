@@ -19,9 +19,19 @@ TEST(DataFileText, Parses) {
     EXPECT_EQ(file.elements, 1u);
 }
 
+TEST(DataFileText, ReadsNumbersAsTheCommandLineDoes) {
+    // Leading zeros are allowed, as in every number the tools read.
+    DataFile file;
+    std::string error;
+    ASSERT_TRUE(ParseDataFile("N007:0000000000256", &file, &error)) << error;
+    EXPECT_EQ(file.number, 7);
+    EXPECT_EQ(file.elements, 256u);
+}
+
 TEST(DataFileText, RejectsWithAReason) {
     for (const char* bad : {"", "N7", "N7:", "X7:10", "n7:10", "N:10", "N7:0", "N201:10",
-                            "N7:65536", "N-1:5", "N7:1x", "N 7:10", "F8:+5"}) {
+                            "N7:65536", "N-1:5", "N7:1x", "N 7:10", "F8:+5",
+                            "N7:99999999999999999999", "N4294967303:10", "N7:4294967297"}) {
         DataFile file;
         std::string error;
         EXPECT_FALSE(ParseDataFile(bad, &file, &error)) << bad;

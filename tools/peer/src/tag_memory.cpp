@@ -1,6 +1,7 @@
 #include "peer/tag_memory.h"
 
 #include "peer/df1.h"
+#include "peer/numbers.h"
 
 #include <cstring>
 
@@ -15,19 +16,6 @@ bool ValidLetter(char letter) {
 bool ValidFile(const DataFile& file) {
     return ValidLetter(file.letter) && file.number >= 0 && file.number <= kMaxFileNumber &&
            file.elements >= 1 && file.elements <= kMaxFileElements;
-}
-
-// Strict decimal: digits only, no sign, no blanks, no overflow past max.
-bool ParseDecimal(const std::string& text, long max, long* value) {
-    if (text.empty() || text.size() > 9) return false;
-    long v = 0;
-    for (char c : text) {
-        if (c < '0' || c > '9') return false;
-        v = v * 10 + (c - '0');
-    }
-    if (v > max) return false;
-    *value = v;
-    return true;
 }
 
 }  // namespace
@@ -60,12 +48,11 @@ bool ParseDataFile(const std::string& text, DataFile* file, std::string* error) 
     if (!ValidLetter(letter)) return fail("the letter must be B, N or F");
     const auto colon = text.find(':');
     if (colon == std::string::npos) return fail("missing ':' before the element count");
-    long number = 0;
-    long elements = 0;
+    unsigned long number = 0;
+    unsigned long elements = 0;
     if (!ParseDecimal(text.substr(1, colon - 1), kMaxFileNumber, &number))
         return fail("the file number must be 0 to " + std::to_string(kMaxFileNumber));
-    if (!ParseDecimal(text.substr(colon + 1), static_cast<long>(kMaxFileElements), &elements) ||
-        elements < 1)
+    if (!ParseDecimal(text.substr(colon + 1), kMaxFileElements, &elements) || elements < 1)
         return fail("the element count must be 1 to " + std::to_string(kMaxFileElements));
     file->letter = letter;
     file->number = static_cast<int>(number);
