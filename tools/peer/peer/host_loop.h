@@ -109,6 +109,9 @@ struct ExchangeHooks {
 // record. A turn whose ComCommunication returns nothing has sent false and
 // calls nothing else; one whose port reports kStopped or kError calls no
 // DataCom (result stays -1): the host is stopping or its line has failed.
+// A turn whose port reports kLineDown (the line is being reopened) still
+// calls DataCom, with what handOver chooses; StandardHandOver gives length 0,
+// as for a timeout, so the plug-in goes on as for a request with no reply.
 Exchange RunExchange(const PluginApi& api, HostPort& port, int timeoutMs, int wakeFd = -1,
                      const ExchangeHooks& hooks = ExchangeHooks());
 
