@@ -8,7 +8,7 @@
 #
 # SECONDS per target (default 60); targets fuzz_reply, fuzz_address,
 # fuzz_read_list, fuzz_api (the driver) and plcsim_fuzz (the controller
-# simulator; no committed corpus), default all. Inputs found along the way
+# simulator), default all. Inputs found along the way
 # collect in a working corpus per target that later runs go on from; the
 # summary gives each target's inputs run and final coverage (cov, ft). An
 # input that breaks an invariant or upsets a sanitizer is written beside it as
@@ -22,7 +22,8 @@
 #                      committed one and copy up to N of the inputs that reach
 #                      code it does not into fuzz/corpus/<target>/ as
 #                      found-<hash> (default 0: the committed corpus is left alone)
-#   ABCL_FUZZ_JOBS     libFuzzer worker processes per target (default 1)
+#   ABCL_FUZZ_JOBS     libFuzzer worker processes per target (default 1), each
+#                      running for SECONDS; inputs run are summed over them
 #   ABCL_JOBS          parallel compile jobs (default 2)
 #   ABCL_SKIP_INSTALL  1 to skip the package check
 set -euo pipefail
@@ -60,10 +61,13 @@ CC=clang CXX=clang++ cmake -S "$repo_root" -B "$build_dir" -DCMAKE_BUILD_TYPE=Re
 # Only the fuzz targets are built; the tools are configured for plcsim_fuzz.
 cmake --build "$build_dir" -j "$jobs" --target "${targets[@]}"
 
-# A stat line of libFuzzer's -print_final_stats output.
-final_stat() { sed -n "s/^stat::$1: *//p" "$2" | tail -n 1; }
-# cov: or ft: of libFuzzer's last status line (the one marked DONE).
-final_coverage() { grep -E '^#[0-9]+' "$2" | tail -n 1 | sed -n "s/.* $1: \([0-9]*\).*/\1/p"; }
+# A stat line of libFuzzer's -print_final_stats output, summed over the
+# workers (each prints its own).
+final_stat() { sed -n "s/^stat::$1: *//p" "$2" | awk '{ n += $1 } END { if (NR) print n }'; }
+# cov: or ft: as far as any worker got (the highest of the status lines).
+final_coverage() {
+    grep -E '^#[0-9]+' "$2" | sed -n "s/.* $1: \([0-9]*\).*/\1/p" | sort -n | tail -n 1
+}
 program_of() {
     case $1 in
         plcsim_fuzz) echo "$build_dir/tools/plcsim/plcsim_fuzz" ;;
@@ -111,7 +115,8 @@ for target in "${targets[@]}"; do
     fi
     outcome[$target]="ok: ${runs:-?} inputs in ${seconds} s, $coverage, working corpus $corpus inputs"
 
-    if ((keep > 0)) && [[ -d $committed ]]; then
+    if ((keep > 0)); then
+        mkdir -p "$committed"
         # Inputs of the working corpus that reach code (edges, hit counts
         # aside) the committed corpus does not, as libFuzzer's merge picks
         # them; of those, up to N spread evenly over their sizes are kept.
