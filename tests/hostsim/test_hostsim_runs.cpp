@@ -4,6 +4,7 @@
 // exchange thread, the simulator's thread and the display side together, so
 // these runs also go under ThreadSanitizer (ABCL_TEST_LABEL_THREAD).
 #include "../capture_file.h"
+#include "../spawned_program.h"
 #include "hostsim_run.h"
 
 #include <gtest/gtest.h>
@@ -15,7 +16,6 @@
 #include <initializer_list>
 #include <string>
 #include <sys/types.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -258,39 +258,18 @@ TEST(HostsimRuns, DurationEndsTheRun) {
 }
 
 TEST(HostsimRuns, SigtermEndsTheRunCleanly) {
-    int out[2];
-    ASSERT_EQ(pipe(out), 0);
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        dup2(out[1], STDOUT_FILENO);
-        dup2(out[1], STDERR_FILENO);
-        close(out[0]);
-        close(out[1]);
-        const std::string command = "exec " + std::string(HOSTSIM_LAUNCHER) + " " +
-                                    ShellQuote(HOSTSIM_PATH) +
-                                    " --baud 115200 --tag N7:0 </dev/null";
-        execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    close(out[1]);
+    SpawnedProgram hostsim(HOSTSIM_LAUNCHER, HOSTSIM_PATH, {"--baud", "115200", "--tag", "N7:0"},
+                           SpawnedProgram::Stderr::kWithStdout);
+    ASSERT_TRUE(hostsim.started());
     // The title line comes once the plug-in is loaded and the link is open.
-    std::string output;
-    char buffer[4096];
-    ssize_t n;
-    while (output.find('\n') == std::string::npos && (n = read(out[0], buffer, sizeof buffer)) > 0)
-        output.append(buffer, static_cast<std::size_t>(n));
-    ASSERT_NE(output.find("hostsim | plug-in"), std::string::npos) << output;
-    kill(pid, SIGTERM);
-    while ((n = read(out[0], buffer, sizeof buffer)) > 0)
-        output.append(buffer, static_cast<std::size_t>(n));
-    close(out[0]);
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status)) << output;
-    EXPECT_EQ(WEXITSTATUS(status), 0) << output;
-    EXPECT_NE(output.find("stopped after a signal"), std::string::npos) << output;
-    EXPECT_NE(output.find("QueryFinishFlag 1"), std::string::npos) << output;
+    const std::string title = hostsim.firstLine();
+    ASSERT_NE(title.find("hostsim | plug-in"), std::string::npos) << hostsim.out();
+    hostsim.signal(SIGTERM);
+    // Its last line, within a time limit (the program is killed otherwise).
+    ASSERT_NE(hostsim.waitFor("QueryFinishFlag 1; stopped after a signal", 0, 10000),
+              std::string::npos)
+        << hostsim.out();
+    EXPECT_EQ(hostsim.wait(), 0) << hostsim.out();
 }
 
 // ---- refusals -----------------------------------------------------------

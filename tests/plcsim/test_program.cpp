@@ -1,5 +1,6 @@
 // The plcsim program: options, errors, and a round trip with the path it
 // prints, ended by SIGTERM. ABCL_TEST_LABEL_THREAD
+#include "../spawned_program.h"
 #include "driver_frames.h"
 #include "line_client.h"
 #include "plcsim_test_support.h"
@@ -11,91 +12,17 @@
 #include <fcntl.h>
 #include <memory>
 #include <poll.h>
-#include <sstream>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-
-extern char** environ;
 
 namespace {
 
-// A running plcsim with its stdout and stderr on pipes.
-class Program {
+// A running plcsim, through the emulator for a cross build as the test
+// program itself is; its output is collected as it comes, and its first
+// line is waited for with a time limit.
+class Program : public SpawnedProgram {
 public:
-    explicit Program(const std::vector<std::string>& args) {
-        int out[2];
-        int err[2];
-        if (pipe(out) != 0 || pipe(err) != 0) return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-        posix_spawn_file_actions_addclose(&actions, out[0]);
-        posix_spawn_file_actions_addclose(&actions, err[0]);
-        // A cross-built program is started through the emulator, as the test
-        // program itself is.
-        std::vector<std::string> all;
-        std::istringstream launcher(PLCSIM_LAUNCHER);
-        for (std::string word; launcher >> word;) all.push_back(word);
-        all.push_back(PLCSIM_PROGRAM_PATH);
-        all.insert(all.end(), args.begin(), args.end());
-        std::vector<char*> argv;
-        for (auto& a : all) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        if (posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        close(out[1]);
-        close(err[1]);
-        out_ = out[0];
-        err_ = err[0];
-    }
-    ~Program() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-        if (out_ >= 0) close(out_);
-        if (err_ >= 0) close(err_);
-    }
-
-    // The first line of stdout (blocks until the program writes it).
-    std::string firstLine() {
-        std::string line;
-        char c;
-        while (read(out_, &c, 1) == 1 && c != '\n') line += c;
-        return line;
-    }
-
-    // Waits for the program to end; its exit code (-1 if killed). The rest
-    // of stdout and stderr is collected.
-    int wait() {
-        stdout_ += drain(out_);
-        stderr_ += drain(err_);
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    void signal(int sig) { kill(pid_, sig); }
-    bool started() const { return pid_ > 0; }
-    const std::string& out() const { return stdout_; }
-    const std::string& err() const { return stderr_; }
-
-private:
-    static std::string drain(int fd) {
-        std::string text;
-        char buffer[4096];
-        ssize_t n;
-        while ((n = read(fd, buffer, sizeof buffer)) > 0)
-            text.append(buffer, static_cast<std::size_t>(n));
-        return text;
-    }
-    pid_t pid_ = -1;
-    int out_ = -1;
-    int err_ = -1;
-    std::string stdout_;
-    std::string stderr_;
+    explicit Program(const std::vector<std::string>& args)
+        : SpawnedProgram(PLCSIM_LAUNCHER, PLCSIM_PROGRAM_PATH, args) {}
 };
 
 }  // namespace
