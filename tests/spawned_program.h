@@ -98,8 +98,17 @@ public:
     }
 
     // Waits for the program to end (all its output read); its exit code, or
-    // -1 when a signal ended it.
-    int wait() {
+    // -1 when a signal ended it. A program still running after timeoutMs is
+    // killed (and gives -1), so a hanging program fails its test instead of
+    // stalling the whole run.
+    int wait(int timeoutMs = 120000) {
+        {
+            std::unique_lock<std::mutex> lock(mutex_);
+            if (!changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                   [this] { return ended_; }) &&
+                pid_ > 0)
+                kill(pid_, SIGKILL);
+        }
         if (reader_.joinable()) reader_.join();
         if (pid_ > 0) waitpid(pid_, &status_, 0);
         pid_ = -1;
