@@ -151,6 +151,29 @@ TEST(BoundedOnceReads, ReadOfManyPiecesFillsTheQueueAsPieceByPiece) {
     ExpectSameRecord(var, modelVar);
 }
 
+// ---- writes ------------------------------------------------------------------
+
+// The record SetRegisterData starts a host write of `dataType` at `text` from.
+RW_VAR HostWrite(const QString& text, int dataType) {
+    RW_VAR w;
+    w.varId = 4;
+    w.varSubId = 0;
+    w.aux2 = 1;
+    w.addrText = text;
+    w.dataType = dataType;
+    w.station = 1;
+    return w;
+}
+
+// The driver's write queue and area after a host write are the model's.
+void ExpectQueueAndArea(const QList<RW_VAR>& model, const std::vector<uint16_t>& modelArea,
+                        const uint16_t* area, int run) {
+    ASSERT_EQ(PLC_driver.writeList.size(), model.size()) << "run " << run;
+    for (int i = 0; i < model.size(); ++i)
+        ExpectSameRecord(model.at(i), PLC_driver.writeList.at(i));
+    ASSERT_TRUE(std::equal(modelArea.begin(), modelArea.end(), area)) << "run " << run;
+}
+
 // ---- bit writes ------------------------------------------------------------
 
 // QueueWriteRequest in write mode 0, on a model queue.
@@ -216,23 +239,12 @@ TEST(BoundedBitWrites, ManyBits_QueueImageAndResultAsBitByBit) {
         const QString text = QStringLiteral("3:%1/%2").arg(draw.below(256)).arg(draw.below(16));
         const int first = StringAddressToInt(ABCL_BIT_A, text);
 
-        RW_VAR w;
-        w.varId = 4;
-        w.varSubId = 0;
-        w.aux2 = 1;
-        w.addrText = text;
-        w.dataType = ABCL_BIT_A;
-        w.station = 1;
-        const int expected =
-            ModelBitWrites(model, modelArea.data(), w, first, values, count, failing);
+        const int expected = ModelBitWrites(model, modelArea.data(), HostWrite(text, ABCL_BIT_A),
+                                            first, values, count, failing);
         const int length = SetRegisterData(QString(), ABCL_BIT_A, text, 1, &values, count, 4, 0);
 
         ASSERT_EQ(length, expected) << "run " << run;
-        ASSERT_EQ(PLC_driver.writeList.size(), model.size()) << "run " << run;
-        for (int i = 0; i < model.size(); ++i)
-            ExpectSameRecord(model.at(i), PLC_driver.writeList.at(i));
-        ASSERT_TRUE(std::equal(modelArea.begin(), modelArea.end(), PLC_driver.areaA))
-            << "run " << run;
+        ExpectQueueAndArea(model, modelArea, PLC_driver.areaA, run);
     }
 }
 
@@ -287,23 +299,13 @@ TEST(BoundedWordWrites, ManyPieces_QueueImageAndResultAsPieceByPiece) {
         const QString text = QStringLiteral("7:%1").arg(draw.below(256));
         const int first = StringAddressToInt(ABCL_WORD_B, text);
 
-        RW_VAR w;
-        w.varId = 4;
-        w.varSubId = 0;
-        w.aux2 = 1;
-        w.addrText = text;
-        w.dataType = ABCL_WORD_B;
-        w.station = 1;
         const int expected =
-            ModelWordWrites(model, modelArea.data(), w, first, values, count, maxCount, failing);
+            ModelWordWrites(model, modelArea.data(), HostWrite(text, ABCL_WORD_B), first, values,
+                            count, maxCount, failing);
         const int length = SetRegisterData(QString(), ABCL_WORD_B, text, 1, &values, count, 4, 0);
 
         ASSERT_EQ(length, expected) << "run " << run;
-        ASSERT_EQ(PLC_driver.writeList.size(), model.size()) << "run " << run;
-        for (int i = 0; i < model.size(); ++i)
-            ExpectSameRecord(model.at(i), PLC_driver.writeList.at(i));
-        ASSERT_TRUE(std::equal(modelArea.begin(), modelArea.end(), PLC_driver.areaB))
-            << "run " << run;
+        ExpectQueueAndArea(model, modelArea, PLC_driver.areaB, run);
     }
 }
 
