@@ -41,9 +41,16 @@ inline std::string ShellQuote(const std::string& arg) {
     return out + "'";
 }
 
+// Longest a hostsim run from a test may take. A run that hangs is stopped
+// then and fails its test with what it printed so far, instead of stalling
+// until ctest gives up on the whole test program.
+constexpr int kHostsimRunLimitS = 120;
+constexpr int kTimedOut = 124;  // timeout(1)'s exit code when it stopped the run
+
 // Runs hostsim with args, stdin from /dev/null, and waits for it to end.
 inline HostsimRun RunHostsim(const std::vector<std::string>& args) {
-    std::string command = std::string(HOSTSIM_LAUNCHER) + " " + ShellQuote(HOSTSIM_PATH);
+    std::string command = "timeout -k 5 " + std::to_string(kHostsimRunLimitS) + " " +
+                          std::string(HOSTSIM_LAUNCHER) + " " + ShellQuote(HOSTSIM_PATH);
     for (const std::string& a : args) command += " " + ShellQuote(a);
     command += " </dev/null 2>&1";
     HostsimRun run;
@@ -54,6 +61,9 @@ inline HostsimRun RunHostsim(const std::vector<std::string>& args) {
     while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) run.output.append(buffer, n);
     const int status = pclose(pipe);
     run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (run.exitCode == kTimedOut)
+        run.output += "\n[hostsim did not end within " + std::to_string(kHostsimRunLimitS) +
+                      " s and was stopped]\n";
     return run;
 }
 
