@@ -60,12 +60,21 @@ public:
         EXPECT_EQ(n, static_cast<ssize_t>(keys.size()));
     }
 
-    // Reads to the end and returns the exit code (-1 if it did not exit).
+    // Reads to the end and returns the exit code: -1 if it did not exit
+    // within ten seconds of its last output (then it is killed), so a
+    // program that hangs on its way out fails the test rather than stalling
+    // it.
     int finish() {
         while (readSome(60000)) {
         }
         int status = 0;
-        if (waitpid(pid_, &status, 0) != pid_) return -1;
+        for (int waited = 0; waitpid(pid_, &status, WNOHANG) != pid_; waited += 10) {
+            if (waited >= 10000) {
+                output_ += "\n[hostsim did not exit]\n";
+                return -1;  // the destructor kills it
+            }
+            usleep(10000);
+        }
         reaped_ = true;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
