@@ -10,6 +10,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
+#include <memory>
 #include <sys/stat.h>
 #include <thread>
 
@@ -318,20 +321,37 @@ void ExpectAnswered(LineClient& client) {
 
 }  // namespace
 
+namespace {
+
+// The result of a server loop run in the background, once it ends by
+// itself; a loop still running after ten seconds fails the test and is asked
+// to stop, so it cannot hang the test program.
+int LoopResult(std::future<int>* loop, Server* server) {
+    if (loop->wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+        ADD_FAILURE() << "the server's loop did not end by itself";
+        server->requestStop();
+    }
+    return loop->get();
+}
+
+}  // namespace
+
 TEST_F(PtyTest, RestartIsDueAfterNRepliesWhenTheNextRequestComes) {
     ServerOptions options = FastOptions();
     options.restartAfterReplies = 2;
     controller = std::make_unique<Controller>(memory);
     server = std::make_unique<Server>(*controller, memory, *line, options);
-    int result = -1;
-    std::thread runner([&] { result = server->run(); });
+    std::future<int> loop = std::async(std::launch::async, [&] { return server->run(); });
+    // A failed assertion leaves early: the loop is stopped before the future
+    // waits for it.
+    const std::unique_ptr<Server, void (*)(Server*)> stopAtExit(server.get(),
+                                                                [](Server* s) { s->requestStop(); });
     LineClient client(line->peerPath());
     ExpectAnswered(client);
     ExpectAnswered(client);
     // The third request finds the server restarting: no reply.
     ASSERT_TRUE(client.send(WriteRequest()));
-    runner.join();
-    EXPECT_EQ(result, Server::kRestartDue);
+    EXPECT_EQ(LoopResult(&loop, server.get()), Server::kRestartDue);
     EXPECT_TRUE(client.quiet(kQuietMs));
     EXPECT_EQ(controller->counters().repliesSent, 2u);
 
@@ -341,13 +361,12 @@ TEST_F(PtyTest, RestartIsDueAfterNRepliesWhenTheNextRequestComes) {
     auto second = SerialLine::OpenPty("", &error);
     ASSERT_TRUE(second) << error;
     server->resume(*second);
-    std::thread again([&] { result = server->run(); });
+    loop = std::async(std::launch::async, [&] { return server->run(); });
     LineClient secondClient(second->peerPath());
     ExpectAnswered(secondClient);
     ExpectAnswered(secondClient);
     ASSERT_TRUE(secondClient.send(WriteRequest()));
-    again.join();
-    EXPECT_EQ(result, Server::kRestartDue);
+    EXPECT_EQ(LoopResult(&loop, server.get()), Server::kRestartDue);
     EXPECT_EQ(controller->counters().repliesSent, 4u);
     EXPECT_EQ(server->counters().bytesSent, 4 * kWriteReplySize);
 }
