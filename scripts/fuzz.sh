@@ -97,9 +97,8 @@ for target in "${targets[@]}"; do
         "$program" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
             -print_final_stats=1 -artifact_prefix="$dir/" "${parallel[@]}" \
             "${corpora[@]}") >"$log" 2>&1 || rc=$?
-    if compgen -G "$dir/fuzz-*.log" >/dev/null; then
-        cat "$dir"/fuzz-*.log >>"$log"
-    fi
+    # With several workers libFuzzer copies each worker's fuzz-N.log into its
+    # own output as the worker ends, so the log already holds them all.
     tail -n 25 "$log"
     artifacts=$(find "$dir" -maxdepth 1 -type f \( -name 'crash-*' -o -name 'leak-*' -o -name 'timeout-*' \
         -o -name 'oom-*' -o -name 'slow-unit-*' \) | sort)
