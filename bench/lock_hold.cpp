@@ -140,7 +140,7 @@ std::vector<Case> Cases() {
 }
 
 struct Measured {
-    double firstWaitUs = 0;  // the first repeat's
+    double firstWaitUs = 0;    // the first repeat's
     double longestWaitUs = 0;  // the later repeats
     double longestCallUs = 0;
     long preempted = 0;

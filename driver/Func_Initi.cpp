@@ -404,7 +404,8 @@ int QueueWritesWhileRoom(const std::vector<RW_VAR>& writes, size_t* taken) {
     QList<RW_VAR>& list = d.writeList;
     for (int j = 1; j < list.size(); ++j) {
         const RW_VAR& e = list.at(j);
-        if (e.station == head.station && e.dataType == head.dataType) firstAt.emplace(PlaceKey(e), j);
+        if (e.station == head.station && e.dataType == head.dataType)
+            firstAt.emplace(PlaceKey(e), j);
     }
     size_t i = 0;
     for (; i < writes.size(); ++i) {

@@ -299,9 +299,8 @@ TEST(BoundedWordWrites, ManyPieces_QueueImageAndResultAsPieceByPiece) {
         const QString text = QStringLiteral("7:%1").arg(draw.below(256));
         const int first = StringAddressToInt(ABCL_WORD_B, text);
 
-        const int expected =
-            ModelWordWrites(model, modelArea.data(), HostWrite(text, ABCL_WORD_B), first, values,
-                            count, maxCount, failing);
+        const int expected = ModelWordWrites(model, modelArea.data(), HostWrite(text, ABCL_WORD_B),
+                                             first, values, count, maxCount, failing);
         const int length = SetRegisterData(QString(), ABCL_WORD_B, text, 1, &values, count, 4, 0);
 
         ASSERT_EQ(length, expected) << "run " << run;

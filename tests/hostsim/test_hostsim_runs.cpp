@@ -173,13 +173,15 @@ TEST(HostsimRuns, ControllerErrorReplyCountsAsGoodByDefault) {
     // random, and when it is DLE (one run in 255) the doubled byte moves the
     // reply one place on, and that reply's trailer lands in the tag: the
     // capture says which.
-    const std::string capture = "/tmp/abcl_hostsim_" + std::to_string(getpid()) + "_cip_error.pcapng";
-    const HostsimRun run = RunHostsim(With(
-        {"--tag", "N12:0", "--retry-limit", "1", "--exchanges", "8", "--capture", capture}));
+    const std::string capture =
+        "/tmp/abcl_hostsim_" + std::to_string(getpid()) + "_cip_error.pcapng";
+    const HostsimRun run = RunHostsim(
+        With({"--tag", "N12:0", "--retry-limit", "1", "--exchanges", "8", "--capture", capture}));
     const CaptureFile file = ReadCaptureFile(capture);
     std::remove(capture.c_str());
     ASSERT_EQ(run.exitCode, 0) << run.output;
-    ExpectRow(run, "N12:0", FirstTransactionNumberIsDle(file) ? R"(1 good +\d+$)" : R"(1 good +0$)");
+    ExpectRow(run, "N12:0",
+              FirstTransactionNumberIsDle(file) ? R"(1 good +\d+$)" : R"(1 good +0$)");
     EXPECT_TRUE(run.matches(R"(=== .*\| failures 0 \|)")) << run.output;
 }
 

@@ -344,8 +344,8 @@ TEST_F(PtyTest, RestartIsDueAfterNRepliesWhenTheNextRequestComes) {
     std::future<int> loop = std::async(std::launch::async, [&] { return server->run(); });
     // A failed assertion leaves early: the loop is stopped before the future
     // waits for it.
-    const std::unique_ptr<Server, void (*)(Server*)> stopAtExit(server.get(),
-                                                                [](Server* s) { s->requestStop(); });
+    const std::unique_ptr<Server, void (*)(Server*)> stopAtExit(
+        server.get(), [](Server* s) { s->requestStop(); });
     LineClient client(line->peerPath());
     ExpectAnswered(client);
     ExpectAnswered(client);
