@@ -7,9 +7,9 @@
 // while the communication thread calls ComCommunication in a loop, timing
 // each call: ComCommunication takes listMutex, so its longest time is the
 // longest the entry point held the lock. The first repeat of a case is shown
-// apart from the later ones: it may be the first time the process's heap
-// grows that far, and touching fresh memory costs page faults that the later
-// repeats do not pay. A call during which the communication thread was
+// apart from the later ones: the first time a process appends a whole
+// queue's worth of entries takes several times as long as the later times.
+// A call during which the communication thread was
 // preempted (an involuntary context switch, as on a machine busy with other
 // work) measures the scheduler, not the lock, and is left out and counted.
 // Printed as a Markdown table; bench/lock_hold.sh runs it.

@@ -280,7 +280,7 @@ std::unordered_map<uint64_t, int> LastPieceByPlace(int32_t first, const PieceSpl
     for (int k = next; k < split.pieces; ++k) {
         const int32_t address = Wrap32(first + static_cast<int64_t>(k) * maxCount);
         const int32_t count = (k == split.pieces - 1) ? split.lastCount : maxCount;
-        last[(uint64_t{static_cast<uint32_t>(address)} << 32) | static_cast<uint32_t>(count)] = k;
+        last[PlaceKey(address, count)] = k;
     }
     return last;
 }
@@ -295,8 +295,7 @@ int QueueWordWrites(RW_VAR* w, int32_t first, const QByteArray& values, const Pi
         const std::unordered_map<uint64_t, int> last =
             LastPieceByPlace(first, split, maxCount, next);
         const int full = ReplaceQueuedWritesIfFull(*w, [&](const RW_VAR& queued, RW_VAR* piece) {
-            const auto found = last.find((uint64_t{static_cast<uint32_t>(queued.address)} << 32) |
-                                         static_cast<uint32_t>(queued.count));
+            const auto found = last.find(PlaceKey(queued.address, queued.count));
             if (found == last.end()) return false;
             makePiece(found->second, piece);
             return true;

@@ -369,10 +369,6 @@ void AppendOrReplaceWrite(QList<RW_VAR>* list, const RW_VAR& var) {
     if (list->size() < kQueueLimit) list->append(var);
 }
 
-uint64_t PlaceKey(const RW_VAR& w) {
-    return (uint64_t{static_cast<uint32_t>(w.address)} << 32) | static_cast<uint32_t>(w.count);
-}
-
 }  // namespace
 
 int QueueWriteRequest(RW_VAR* var, int mode) {
@@ -405,14 +401,14 @@ int QueueWritesWhileRoom(const std::vector<RW_VAR>& writes, size_t* taken) {
     for (int j = 1; j < list.size(); ++j) {
         const RW_VAR& e = list.at(j);
         if (e.station == head.station && e.dataType == head.dataType)
-            firstAt.emplace(PlaceKey(e), j);
+            firstAt.emplace(PlaceKey(e.address, e.count), j);
     }
     size_t i = 0;
     for (; i < writes.size(); ++i) {
         if (i > 0 && list.size() >= kQueueLimit) break;
         const RW_VAR& w = writes[i];
         if (list.size() > 1) {
-            const auto found = firstAt.find(PlaceKey(w));
+            const auto found = firstAt.find(PlaceKey(w.address, w.count));
             if (found != firstAt.end()) {
                 list[found->second] = w;
                 continue;
@@ -420,7 +416,7 @@ int QueueWritesWhileRoom(const std::vector<RW_VAR>& writes, size_t* taken) {
             if (list.size() >= kQueueLimit) continue;
         }
         list.append(w);
-        if (list.size() > 1) firstAt.emplace(PlaceKey(w), list.size() - 1);
+        if (list.size() > 1) firstAt.emplace(PlaceKey(w.address, w.count), list.size() - 1);
     }
     *taken = i;
     return list.size();
@@ -438,7 +434,7 @@ int ReplaceQueuedWritesIfFull(const RW_VAR& write,
     for (int j = 1; j < d.writeList.size(); ++j) {
         const RW_VAR& e = d.writeList.at(j);
         if (e.station != write.station || e.dataType != write.dataType) continue;
-        const uint64_t key = PlaceKey(e);
+        const uint64_t key = PlaceKey(e.address, e.count);
         if (replaced.count(key)) continue;
         RW_VAR value = write;
         if (!replacement(e, &value)) continue;
@@ -460,10 +456,6 @@ struct OncePiece {
     int32_t count;
 };
 
-uint64_t PieceKey(int32_t address, int32_t count) {
-    return (uint64_t{static_cast<uint32_t>(address)} << 32) | static_cast<uint32_t>(count);
-}
-
 // The pieces a one-shot read of `count` elements from `start` is split into,
 // at most maxCount elements each (the address steps by maxCount x unit), the
 // last piece always last. A piece equal to an earlier one is left out: it
@@ -479,7 +471,7 @@ std::vector<OncePiece> DistinctOncePieces(int32_t start, int32_t count, int maxC
         const int64_t step = static_cast<int64_t>(k) * maxCount * unit;
         const OncePiece piece{Wrap32(start + step),
                               (k == split.pieces - 1) ? split.lastCount : maxCount};
-        if (split.pieces == 1 || seen.insert(PieceKey(piece.address, piece.count)).second)
+        if (split.pieces == 1 || seen.insert(PlaceKey(piece.address, piece.count)).second)
             pieces.push_back(piece);
     }
     // The record ends with the last piece's place even when an equal piece
@@ -500,18 +492,18 @@ void QueueOncePieces(const std::vector<OncePiece>& pieces, const RW_VAR& var) {
     QList<RW_VAR>& queue = PLC_driver.onceReadList;
     std::unordered_set<uint64_t> queued;
     for (const RW_VAR& e : queue)
-        if (SameOnceVariable(e, var)) queued.insert(PieceKey(e.address, e.count));
+        if (SameOnceVariable(e, var)) queued.insert(PlaceKey(e.address, e.count));
     RW_VAR entry = var;
     for (const OncePiece& piece : pieces) {
         entry.address = piece.address;
         entry.count = piece.count;
         if (queue.isEmpty()) {
             queue.append(entry);
-            queued.insert(PieceKey(piece.address, piece.count));
+            queued.insert(PlaceKey(piece.address, piece.count));
             continue;
         }
         if (queue.size() >= kQueueLimit) break;
-        if (queued.insert(PieceKey(piece.address, piece.count)).second) queue.append(entry);
+        if (queued.insert(PlaceKey(piece.address, piece.count)).second) queue.append(entry);
     }
 }
 

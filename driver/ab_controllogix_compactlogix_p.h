@@ -144,6 +144,12 @@ Result AtTheBoundary(Result nothingDone, Body body) noexcept {
 // calls an exported name, so no other library loaded into the host can take
 // those calls over.
 int QueueWriteRequest(RW_VAR* var, int mode);
+// One number for a request's place and size, to find queued entries and
+// pieces by both at once.
+inline uint64_t PlaceKey(int32_t address, int32_t count) {
+    return (uint64_t{static_cast<uint32_t>(address)} << 32) | static_cast<uint32_t>(count);
+}
+
 // Queues `writes` (all of one station and type) in order, as QueueWriteRequest
 // in mode 0 would one by one: the first always, the following ones while the
 // queue has room, all under one hold of listMutex, so that a screen thread

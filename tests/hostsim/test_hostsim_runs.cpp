@@ -7,6 +7,8 @@
 #include "../spawned_program.h"
 #include "hostsim_run.h"
 
+#include "peer/df1.h"
+
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -160,7 +162,7 @@ TEST(HostsimRuns, RemoteWriteAfterAGoodExchangeFailsUnlessReplyDoneIsZeroed) {
 bool FirstTransactionNumberIsDle(const CaptureFile& file) {
     for (const FilePacket& p : file.packets) {
         if (p.direction != 0 || p.bytes.size() <= 8) continue;  // not a request
-        return p.bytes[6] == 0x10 && p.bytes[7] == 0x10;
+        return p.bytes[6] == peer::df1::kDle && p.bytes[7] == peer::df1::kDle;
     }
     ADD_FAILURE() << "no request in the capture";
     return false;
