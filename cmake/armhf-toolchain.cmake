@@ -47,6 +47,11 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
+# GCC notes that passing some structures changed in GCC 7.1. Every object of
+# this build and of the target's libraries comes from later compilers, so the
+# note says nothing here, and it buries real diagnostics in the build log.
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")
+
 # libQt5Core.so needs ICU, PCRE2, GLib and others that live only in the root:
 # the linker must be told where to follow those indirect dependencies.
 set(_abcl_armhf_libdirs
