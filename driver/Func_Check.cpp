@@ -11,8 +11,6 @@
 namespace {
 
 constexpr int kShortestReply = 9;  // lead-in, a byte of body, DLE ETX, BCC
-// CalLRC's length is a 16-bit count.
-constexpr int kLongestSummedBody = 0xFFFF;
 
 uint8_t ByteAt(const QByteArray& bytes, int position) {
     return static_cast<uint8_t>(bytes.at(position));
@@ -106,19 +104,24 @@ uint32_t SumOfLastKept(const uint8_t* bytes, int first, int last, int n) {
 
 }  // namespace
 
+int UnstuffedLength(const uint8_t* bytes, int first, int last) {
+    if (last < first) return 0;
+    return SumKept(bytes, first, last).count;
+}
+
 uint8_t UnstuffedBlockCheck(const uint8_t* bytes, int first, int last, int skip, int drop) {
     if (last < first) return 0;
     const KeptBytes kept = SumKept(bytes, first, last);
     const int summed = kept.count - skip - drop;
     if (summed <= 0) return 0;
     uint32_t sum = 0;
-    if (summed <= kLongestSummedBody) {
+    if (summed <= kLongestDf1Body) {
         sum = kept.sum - SumOfFirstKept(bytes, first, last, skip) -
               SumOfLastKept(bytes, first, last, drop);
     } else {
         // CalLRC counts its length in 16 bits: of a longer body only the
         // bytes within that count are summed.
-        const int end = skip + (summed & kLongestSummedBody);
+        const int end = skip + (summed & kLongestDf1Body);
         ForEachUnstuffed(bytes, first, last, [&](int index, uint8_t b) {
             if (index >= skip && index < end) sum += b;
         });
@@ -146,6 +149,12 @@ int CheckGetData(const QByteArray& reply, int len) {
     // received cannot describe a good reply, and must not be read past.
     if (len > reply.size()) return 0;
     if (!HasReplyEnvelope(reply, len)) return 0;
+    // The hardened build fails a reply longer than any DF1 frame can be,
+    // rather than check part of it.
+    if (kHardened &&
+        UnstuffedLength(reinterpret_cast<const uint8_t*>(reply.constData()), frame_offset::kDst,
+                        len - frame_offset::kEtxDleFromEnd - 1) > kLongestDf1Body)
+        return 0;
 
     // From DST up to the byte before DLE ETX.
     const uint8_t bcc =
@@ -159,6 +168,59 @@ int CheckGetData(const QByteArray& reply, int len) {
         case 1: return 2;
         default: return 0;
     }
+}
+
+namespace {
+
+uint16_t Le16(const QByteArray& bytes, int low) {
+    return static_cast<uint16_t>(ByteAt(bytes, low) | (ByteAt(bytes, low + 1) << 8));
+}
+
+// The data type code a read of this record's type gets back.
+int ExpectedReadType(int32_t dataType) {
+    return dataType == ABCL_REAL ? cip::kTypeReal : cip::kTypeInt;
+}
+
+bool DfHeaderAnswers(const QByteArray& request, const QByteArray& body) {
+    namespace rb = reply_body;
+    namespace fo = frame_offset;
+    return ByteAt(body, rb::kDst) == ByteAt(request, fo::kSrc) &&
+           ByteAt(body, rb::kSrc) == ByteAt(request, fo::kDst) &&
+           ByteAt(body, rb::kCmd) == (ByteAt(request, fo::kCmd) | df1::kReplyFlag) &&
+           ByteAt(body, rb::kSts) == 0 &&
+           ByteAt(body, rb::kTnsLow) == ByteAt(request, fo::kTnsLow) &&
+           ByteAt(body, rb::kTnsHigh) == ByteAt(request, fo::kTnsHigh);
+}
+
+bool CipReplyAnswers(const QByteArray& request, const QByteArray& body) {
+    namespace rb = reply_body;
+    const uint8_t service = ByteAt(request, frame_offset::kService);
+    return ByteAt(body, rb::kPacketService) == (cip::kMultipleServicePacket | cip::kReplyFlag) &&
+           ByteAt(body, rb::kPacketStatus) == 0 && ByteAt(body, rb::kPacketExtendedWords) == 0 &&
+           Le16(body, rb::kReplyCountLow) == cip::kEmbeddedServiceCount &&
+           Le16(body, rb::kReplyOffsetLow) == cip::kEmbeddedReplyOffset &&
+           ByteAt(body, rb::kService) == (service | cip::kReplyFlag) &&
+           ByteAt(body, rb::kStatus) == 0 && ByteAt(body, rb::kExtendedWords) == 0;
+}
+
+}  // namespace
+
+bool DirectReplyAnswers(const Protocol& p, const QByteArray& reply, int len, QByteArray* data) {
+    namespace rb = reply_body;
+    if (len < kShortestReply || len > reply.size()) return false;
+    if (p.frame.size() <= frame_offset::kService) return false;
+    const QByteArray body =
+        UnstuffReplyBody(reply, frame_offset::kDst, len - frame_offset::kEtxDleFromEnd - 1);
+    if (body.size() < rb::kNoDataLength) return false;
+    if (!DfHeaderAnswers(p.frame, body) || !CipReplyAnswers(p.frame, body)) return false;
+
+    if (ByteAt(p.frame, frame_offset::kService) != cip::kReadTagFragmented)
+        return body.size() == rb::kNoDataLength;
+    // A read: its type, then exactly the data bytes it asked for.
+    if (p.dataBytes < 0 || body.size() != rb::kData + int64_t{p.dataBytes}) return false;
+    if (Le16(body, rb::kTypeLow) != ExpectedReadType(p.var.dataType)) return false;
+    if (data) *data = body.mid(rb::kData);
+    return true;
 }
 
 int NotFixReturnCheck(const QByteArray& reply) {

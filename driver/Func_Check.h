@@ -10,6 +10,17 @@ int CheckGetData(const QByteArray& reply, int len);
 // 1 when a reply of not-yet-known length is good, else 0.
 int NotFixReturnCheck(const QByteArray& reply);
 
+// The hardened build's reply matching. True when a direct reply of `len`
+// bytes answers the request `p` on the wire: DF1 source and destination
+// swapped, the command with its reply flag, the same transaction number, DF1
+// status 0; one embedded reply to the request's service, general status 0
+// without extended status; and, for a read, the data type asked for and
+// exactly the data bytes asked for. Then *data, when given, holds those data
+// bytes with DLE doubling undone. The envelope and block check are
+// CheckGetData's part.
+struct Protocol;
+bool DirectReplyAnswers(const Protocol& p, const QByteArray& reply, int len, QByteArray* data);
+
 // DF1 block check (two's complement of the byte sum): 1 to 256, only its low byte is sent.
 int CalLRC(const unsigned char* bytes, unsigned short len);
 // Byte sum truncated to 16 bits.
@@ -45,6 +56,9 @@ int ForEachUnstuffed(const uint8_t* bytes, int first, int last, Visit visit) {
     }
     return kept;
 }
+
+// How many bytes positions [first, last] hold with DLE doubling undone.
+int UnstuffedLength(const uint8_t* bytes, int first, int last);
 
 // The low byte of CalLRC over positions [first, last] with DLE doubling
 // undone, leaving out the first `skip` and the last `drop` (0 to 2) of the

@@ -106,7 +106,37 @@ using LongLayout = ElementLayout<uint32_t, 4, 0, 4>;
 using PresetLayout = ElementLayout<uint16_t, 6, 2, 2>;
 using AccumulatedLayout = ElementLayout<uint16_t, 6, 4, 2>;
 
+// Stores the whole elements of a plain data field; elements outside the
+// area are skipped.
+template <typename Layout>
+void SaveDataField(const QByteArray& data, typename Layout::Value* area) {
+    const AB_ControlLogix_CompactLogix& d = PLC_driver;
+    if (!area || d.protocolList.isEmpty()) return;
+    const int64_t address = d.protocolList.first().var.address;
+    const auto* bytes = reinterpret_cast<const uint8_t*>(data.constData());
+    const int64_t count = data.size() / Layout::kBytes;
+    for (int64_t i = 0; i < count; ++i) {
+        const int64_t index = address + i;
+        if (index >= 0 && index < kAreaElements)
+            area[index] = Layout::value(bytes + Layout::kBytes * i);
+    }
+}
+
 }  // namespace
+
+void SaveDataFieldToLocalDataErea(const QByteArray& data) {
+    AB_ControlLogix_CompactLogix& d = PLC_driver;
+    if (settings().multiStation != 0) return;  // several stations: no image is kept
+    if (d.protocolList.isEmpty()) return;
+    switch (d.protocolList.first().var.dataType) {
+        case ABCL_BIT_A:
+        case ABCL_WORD_A: SaveDataField<WordLayout>(data, d.areaA); break;
+        case ABCL_BIT_B:
+        case ABCL_WORD_B: SaveDataField<WordLayout>(data, d.areaB); break;
+        case ABCL_REAL: SaveDataField<LongLayout>(data, d.areaD); break;
+        default: break;
+    }
+}
 
 void SaveToLocalDataErea(const QByteArray& reply) {
     AB_ControlLogix_CompactLogix& d = PLC_driver;

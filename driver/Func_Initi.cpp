@@ -309,7 +309,11 @@ QList<RW_VAR> BuildCyclicList(const QList<ReadVarItem*>& items, const ComInfo& s
             address = a >> 4;
             count = Wrap32(WordsHoldingBits(a & 15, item->count));
         }
+        // The hardened build reads only what the local areas can hold, and
+        // never lists more pieces of a type than an area has elements.
+        if (kHardened && !CapToArea(address, &count)) continue;
         std::vector<ListPiece>& pieces = perType[item->dataType];
+        if (kHardened && pieces.size() >= static_cast<size_t>(kAreaElements)) continue;
         ForEachPiece(count, s.maxCount, address, [&pieces, i](int32_t at, int32_t n) {
             pieces.push_back({PieceOrder(at, pieces.size()), n, i});
         });
@@ -531,6 +535,8 @@ int QueueOnceRead(RW_VAR* var, int mode) {
         var->address = a & ~15;
         var->count = Wrap32(WordsHoldingBits(a & 15, var->count));
     }
+    // The hardened build queues only what the local areas can hold.
+    if (kHardened && !CapToArea(bits ? var->address >> 4 : var->address, &var->count)) return 0;
     const std::vector<OncePiece> pieces =
         DistinctOncePieces(var->address, var->count, s.maxCount, bits ? kBitsPerWord : 1);
     if (!pieces.empty()) {

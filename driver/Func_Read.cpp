@@ -24,6 +24,9 @@ void QueueRead(RW_VAR* var, char letter, int elements, int dataBytes) {
 
 void ReadRegister(RW_VAR* var) {
     if (!var) return;
+    // The hardened build asks for no run an area cannot hold: such an entry
+    // builds no frame, and the scheduler drops it as failed.
+    if (kHardened && (var->count < 1 || var->count > kAreaElements)) return;
     switch (var->dataType) {
         case ABCL_BIT_A:
         case ABCL_BIT_B:

@@ -70,6 +70,9 @@ void Remote_WriteVar(RW_VAR* var) {
     if (!var) return;
     QByteArray frame = DescriptorFields(*var);
     frame.append(var->data);
+    // The hardened build refuses a frame its length byte cannot count, rather
+    // than send a wrapped length.
+    if (kHardened && frame.size() + 1 > kLongestRemoteFrame) return;
     // The length counts the checksum still to come; only its low 8 bits are sent.
     frame[remote_offset::kLength] = static_cast<char>((frame.size() + 1) & 0xFF);
     AppendChecksum(frame);

@@ -87,6 +87,7 @@ void WriteAnalog(RW_VAR* var) {
     if (!var) return;
     const int count = var->count;
     if (count < kMostNegativeWriteCount || count > kMaxWriteCount) return;
+    if (kHardened && count < 1) return;  // a count below 1 writes nothing sound
 
     FrameWriter w;
     WriteWordAddressedHead(w, cip::kWriteTagFragmented, WordFileLetter(var->dataType),
@@ -107,6 +108,8 @@ void WriteAnalog_F(RW_VAR* var) {
     if (!var) return;
     const int count = var->count;
     if (count > kMaxWriteCount) return;
+    // The hardened build writes no 0.0 for a count below 1.
+    if (kHardened && count < 1) return;
     const int elements = count >= 2 ? count / 2 : 1;
 
     FrameWriter w;

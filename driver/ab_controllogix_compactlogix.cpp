@@ -135,11 +135,33 @@ void ResetDriverForTest() {
 
 namespace {
 
-Protocol* NextRequest() {
-    AB_ControlLogix_CompactLogix& d = PLC_driver;
-    DriverLock lock(&d.listMutex);
-    if (!d.protocolList.isEmpty()) return &d.protocolList.first();
+// The bad-reply code of a variable, as SwitchErrorReturn gives it for the
+// request at the head of the frame queue.
+int BadReplyCodeOf(const RW_VAR& var, bool local) {
+    const int base = local ? 10 : 110;
+    return (var.varId >= 1 && var.varId <= 11) ? base + var.varId + 1 : base + 1;
+}
 
+// Hardened build: the entry at the head of the queue `mode` names built no
+// frame (its count or type is out of range). It is taken out of its queue and
+// reported as failed, in `current` and, for a one-shot read, through the
+// callback, instead of blocking the entries behind it. listMutex is held.
+void DropUnbuildable(int mode) {
+    AB_ControlLogix_CompactLogix& d = PLC_driver;
+    QList<RW_VAR>& queue =
+        mode == kModeWrite ? d.writeList : (mode == kModeOnce ? d.onceReadList : d.readList);
+    if (queue.isEmpty()) return;
+    const RW_VAR entry = queue.takeFirst();
+    passRetValue(&entry, &d.current);
+    d.current.result = BadReplyCodeOf(entry, entry.linkNo == settings().localLinkNo);
+    if (mode == kModeOnce && d.callBack)
+        d.callBack(settings().hostContext, entry.varId, entry.varSubId, 2);
+}
+
+// Builds the next request from the queues, by priority; false when no queue
+// has work.
+bool BuildNext() {
+    AB_ControlLogix_CompactLogix& d = PLC_driver;
     if (!d.writeList.isEmpty() && d.writeBurst < kBurstLimit) {
         d.mode = kModeWrite;
         BuildWrite(&d.writeList.first());
@@ -157,8 +179,24 @@ Protocol* NextRequest() {
         d.writeBurst = 0;
         d.onceBurst = 0;
         settings().cycleDone = 1;
-        return nullptr;
+        return false;
     }
+    return true;
+}
+
+Protocol* NextRequest() {
+    AB_ControlLogix_CompactLogix& d = PLC_driver;
+    DriverLock lock(&d.listMutex);
+    if (!d.protocolList.isEmpty()) return &d.protocolList.first();
+
+    if (kHardened) {
+        // Every pass either builds a frame or takes an entry out of a queue,
+        // so the loop ends.
+        while (BuildNext() && d.protocolList.isEmpty()) DropUnbuildable(d.mode);
+        return d.protocolList.isEmpty() ? nullptr : &d.protocolList.first();
+    }
+
+    if (!BuildNext()) return nullptr;
     // A builder queues nothing for an unsupported data type; the entry stays at
     // the head of its queue and the burst limit lets the other queues run.
     return d.protocolList.isEmpty() ? nullptr : &d.protocolList.first();
@@ -200,11 +238,35 @@ void passRetValue(const RW_VAR* source, RW_VAR* destination) {
     destination->data = QByteArray();
 }
 
+namespace {
+
+// Hardened build, direct mode: a reply is good only when it answers the
+// request on the wire, and its values come from its data field alone.
+int DealMatchedReply(const Protocol& p, const QByteArray& reply, int len, int check) {
+    QByteArray data;
+    if (check == 0 || !DirectReplyAnswers(p, reply, len, &data))
+        return GetDriverReturnValue(kLocalBadReply);
+    if (check == 1) {
+        DriverLock lock(&PLC_driver.imageMutex);
+        SaveDataFieldToLocalDataErea(data);
+    }
+    return GetDriverReturnValue(kLocalGood);
+}
+
+}  // namespace
+
 int DealDataOfLocalArea(const QByteArray& reply, int len) {
     const Protocol& p = PLC_driver.protocolList.first();
     if (len == 0 && p.replyLen != 0) return GetDriverReturnValue(kLocalNoReply);
     if (p.replyLen != len) return GetDriverReturnValue(kLocalWrongLength);
     const int check = CheckGetData(reply, len);
+    if (kHardened && settings().remoteMode == 0) return DealMatchedReply(p, reply, len, check);
+    if (kHardened && check == 1) {
+        // The trailer (DLE ETX BCC) is never read as data.
+        DriverLock lock(&PLC_driver.imageMutex);
+        SaveToLocalDataErea(reply.left(len - frame_offset::kEtxDleFromEnd));
+        return GetDriverReturnValue(kLocalGood);
+    }
     if (check == 1) {
         DriverLock lock(&PLC_driver.imageMutex);
         SaveToLocalDataErea(reply);
@@ -281,8 +343,20 @@ void PurgeAfterFailure() {
 // result code: 1 when the length is fixed, 0 when the reply was not usable.
 int FixReplyLength(Protocol& p, const QByteArray& reply) {
     if (NotFixReturnCheck(reply) != 1) return 0;
+    // The hardened build learns a length only from a reply that answers
+    // this request: a late reply to an earlier one must not set it.
+    if (kHardened && settings().remoteMode == 0 &&
+        !DirectReplyAnswers(p, reply, reply.size(), nullptr))
+        return 0;
     p.replyLen = reply.size();
     return 1;
+}
+
+// Hardened build: the failure code of a length-learning exchange that got no
+// usable reply, in the family its link reports.
+int FailedLearningCode(bool local, const QByteArray& reply) {
+    if (reply.isEmpty()) return GetDriverReturnValue(local ? kLocalNoReply : kRemoteNoReply);
+    return GetDriverReturnValue(local ? kLocalBadReply : kRemoteBadReply);
 }
 
 }  // namespace
@@ -296,13 +370,18 @@ RW_VAR* TakeReply(const QByteArray& reply, int len) {
     if (d.protocolList.isEmpty()) return &d.current;
 
     Protocol& p = d.protocolList.first();
+    const bool local = p.var.linkNo == s.localLinkNo;
+    int code = 0;
     if (p.replyLen == kUnknownReplyLength) {
         d.current.result = FixReplyLength(p, reply);
-        return &d.current;
+        // The design leaves a failed length-learning exchange uncounted, so
+        // a silent controller is never reported while only reads are
+        // queued; the hardened build fails it like any other exchange.
+        if (!kHardened || d.current.result == 1) return &d.current;
+        code = FailedLearningCode(local, reply);
+    } else {
+        code = local ? DealDataOfLocalArea(reply, len) : DealDataOfRemoteArea(reply, len);
     }
-
-    const bool local = p.var.linkNo == s.localLinkNo;
-    const int code = local ? DealDataOfLocalArea(reply, len) : DealDataOfRemoteArea(reply, len);
     d.tns = NextTransactionNumber(d.tns);
 
     // The scheduler, the list entry points and a rebuild of the cyclic list on

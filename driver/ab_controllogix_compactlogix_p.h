@@ -51,8 +51,26 @@ private:
     QMutex* mutex_;
 };
 
+#ifndef ABCL_HARDENED
+#define ABCL_HARDENED 0
+#endif
+// The hardened plug-in (-DABCL_HARDENED=ON) matches every reply to its request
+// and refuses input that builds no sound frame; the default one reads the
+// line as the protocol's own description does. Both paths are compiled in
+// every build, and this constant picks one, so neither goes stale.
+constexpr bool kHardened = ABCL_HARDENED != 0;
+
 // Elements in each local area (word areas and the 32-bit area alike).
 constexpr int kAreaElements = 65536;
+
+// Hardened build: caps a run of `*count` elements from `address` at the end
+// of a local area. False when none of it lies in an area, or the count is
+// below 1: such a run is not queued.
+inline bool CapToArea(int64_t address, int32_t* count) {
+    if (*count < 1 || address < 0 || address >= kAreaElements) return false;
+    if (*count > kAreaElements - address) *count = static_cast<int32_t>(kAreaElements - address);
+    return true;
+}
 
 // Packed addresses: word address = file x 256 + element, bit address = word
 // address x 16 + bit.

@@ -57,6 +57,10 @@ QByteArray FrameWriter::finish(int etxOffset) {
     store(etx, df1::kDle);
     store(etx + 1, df1::kEtx);
     size_ = etx + 2;  // a trailer placed early cuts what lies behind it
+    // The block check sums a 16-bit count of bytes; the hardened build
+    // refuses a longer frame rather than send a check of part of it.
+    if (kHardened && UnstuffedLength(bytes_, frame_offset::kDst, etx - 1) > kLongestDf1Body)
+        return QByteArray();
     QByteArray frame(size_ + 1, Qt::Uninitialized);
     std::memcpy(frame.data(), bytes_, static_cast<size_t>(size_));
     frame.data()[size_] = static_cast<char>(RequestBlockCheck(bytes_, size_));

@@ -135,6 +135,40 @@ constexpr int kWriteReplyLength = 27;    // every write reply
 constexpr int kUnknownReplyLength = -1;  // learnt from the first reply
 constexpr int kMinimumFirstReply = 27;   // a reply of unknown length is at least this long
 
+// Positions in a direct reply's body (from DST, DLE doubling undone), which
+// the hardened build reads to match a reply to its request.
+namespace reply_body {
+constexpr int kDst = 0;
+constexpr int kSrc = 1;
+constexpr int kCmd = 2;
+constexpr int kSts = 3;
+constexpr int kTnsLow = 4;
+constexpr int kTnsHigh = 5;
+constexpr int kPacketService = 8;
+constexpr int kPacketStatus = 10;
+constexpr int kPacketExtendedWords = 11;
+constexpr int kReplyCountLow = 12;
+constexpr int kReplyCountHigh = 13;
+constexpr int kReplyOffsetLow = 14;
+constexpr int kReplyOffsetHigh = 15;
+constexpr int kService = 16;
+constexpr int kStatus = 18;
+constexpr int kExtendedWords = 19;
+constexpr int kNoDataLength = 20;  // a write's whole reply body
+constexpr int kTypeLow = 20;       // a read's data type, then its data
+constexpr int kTypeHigh = 21;
+constexpr int kData = 22;
+}  // namespace reply_body
+
+namespace df1 {
+constexpr uint8_t kReplyFlag = 0x40;  // set in the command byte of a reply
+}
+namespace cip {
+constexpr uint8_t kReplyFlag = 0x80;  // set in the service code of a reply
+// The one embedded reply starts right after the count and its one offset.
+constexpr int kEmbeddedReplyOffset = 4;
+}  // namespace cip
+
 // Positions of a remote frame: the record's descriptor fields, big-endian.
 namespace remote_offset {
 constexpr int kLength = 0;
@@ -155,6 +189,11 @@ constexpr int kRemoteHeaderLength = remote_offset::kValues;
 constexpr int kRemoteReadFrameLength = kRemoteHeaderLength + 1;  // and the checksum
 constexpr int kRemoteReadDataPos = 10;
 constexpr int kRemoteWriteReplyLength = 14;
+constexpr int kLongestRemoteFrame = 0xFF;  // what the one length byte counts
+
+// The longest body (DST to the byte before DLE ETX, DLE doubling undone) whose
+// block check counts every byte: the check's byte count is 16 bits.
+constexpr int kLongestDf1Body = 0xFFFF;
 
 // Queues and limits.
 constexpr int kQueueLimit = 1024;  // write and one-shot queues
