@@ -98,6 +98,29 @@ TEST(HostsimRuns, KnownValuesOfTheSimulatorAppearInTheTable) {
     EXPECT_TRUE(run.contains("stopped after the exchange limit")) << run.output;
 }
 
+TEST(HostsimRuns, TheTitleNamesTheDefaultBuild) {
+    const HostsimRun run = RunHostsim(With({"--tag", "N7:0", "--exchanges", "2"}));
+    ASSERT_EQ(run.exitCode, 0) << run.output;
+    EXPECT_TRUE(run.matches(R"(plug-in \S+ \([0-9.]+, default build; FlashLocalRegister 396\))"))
+        << run.output;
+}
+
+#ifdef HOSTSIM_HARDENED_PLUGIN
+TEST(HostsimRuns, TheHardenedPluginReadsAndWritesOnACleanLine) {
+    // Also under a first TNS of DLE: the hardened plug-in matches the
+    // doubled byte and reads the values from the data field, where they are.
+    const HostsimRun run = RunHostsim(
+        With({"--plugin", HOSTSIM_HARDENED_PLUGIN, "--sim-set", "N7:0=7,8", "--sim-set", "F8:2=2.5",
+              "--write", "N7:5=3", "--tag", "N7:0 x6", "--tag", "F8:2", "--exchanges", "12"}));
+    ASSERT_EQ(run.exitCode, 0) << run.output;
+    EXPECT_TRUE(run.matches(R"(plug-in \S+ \([0-9.]+, hardened build; FlashLocalRegister 396\))"))
+        << run.output;
+    EXPECT_TRUE(run.contains("write N7:5=3: result 1 good")) << run.output;
+    ExpectRow(run, "N7:0 x6", R"(1 good +7 8 0 0 0 3$)");
+    ExpectRow(run, "F8:2", R"(1 good +2\.5$)");
+}
+#endif
+
 TEST(HostsimRuns, DefaultTagsAreTheSimulatorsLiveOnes) {
     const HostsimRun run = RunHostsim(With({"--exchanges", "16"}));
     ASSERT_EQ(run.exitCode, 0) << run.output;

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -78,6 +79,47 @@ TEST_F(PluginLocatorTest, UnknownOwnPathFallsBackToTheBuildTree) {
 TEST_F(PluginLocatorTest, AbsoluteInstallPathIsTakenAsItIs) {
     Touch(Installed());
     EXPECT_EQ(hostsim::LocatePlugin(Exe(), Installed(), Built()), Installed());
+}
+
+// A file holding `bytes`, removed when the test ends.
+class PluginFile : public ::testing::Test {
+protected:
+    std::string write(const std::string& bytes) {
+        path_ = "/tmp/plugin_build_" + std::to_string(getpid()) + ".so";
+        std::ofstream(path_, std::ios::binary) << bytes;
+        return path_;
+    }
+    void TearDown() override { std::remove(path_.c_str()); }
+
+private:
+    std::string path_;
+};
+
+TEST_F(PluginFile, VersionTextWithoutABuildNameIsTheDefaultBuild) {
+    const std::string bytes = std::string(
+                                  "\x7f"
+                                  "ELF junk\0",
+                                  10) +
+                              std::string("AB_ControlLogix_CompactLogix 1.2.3\0tail", 40);
+    EXPECT_EQ(hostsim::PluginBuildText(write(bytes)), "1.2.3, default build");
+}
+
+TEST_F(PluginFile, HardenedAfterTheVersionIsTheHardenedBuild) {
+    const std::string bytes = std::string("AB_ControlLogix_CompactLogix 10.0.1 hardened\0", 45);
+    EXPECT_EQ(hostsim::PluginBuildText(write(bytes)), "10.0.1, hardened build");
+}
+
+TEST_F(PluginFile, TheNameWithoutAVersionIsPassedOver) {
+    // A class name in a symbol or message, then the version text itself.
+    const std::string bytes = std::string("AB_ControlLogix_CompactLogix object\0", 36) +
+                              std::string("AB_ControlLogix_CompactLogix 2.0 something\0", 43) +
+                              std::string("AB_ControlLogix_CompactLogix 2.0 hardened\0", 42);
+    EXPECT_EQ(hostsim::PluginBuildText(write(bytes)), "2.0, hardened build");
+}
+
+TEST_F(PluginFile, NoVersionTextOrNoFileIsSaid) {
+    EXPECT_EQ(hostsim::PluginBuildText(write("nothing here")), "no version text");
+    EXPECT_EQ(hostsim::PluginBuildText("/nonexistent/libplugin.so"), "no version text");
 }
 
 TEST(SelfExecutablePath, NamesThisTestProgram) {

@@ -139,8 +139,8 @@ void FinishCapture(Link& link) {
 
 std::vector<std::string> TitleLines(const peer::Plugin& plugin, const Host& host,
                                     const Options& options, const std::string& linkText) {
-    return {"hostsim | plug-in " + plugin.path() + " (FlashLocalRegister " +
-                std::to_string(host.flashResult()) + ")",
+    return {"hostsim | plug-in " + plugin.path() + " (" + hostsim::PluginBuildText(plugin.path()) +
+                "; FlashLocalRegister " + std::to_string(host.flashResult()) + ")",
             linkText + " | " + (options.remote ? "remote" : "direct") + " mode, station " +
                 std::to_string(options.station) + ", maxCount " + std::to_string(options.maxCount) +
                 ", retryLimit " + std::to_string(options.retryLimit) + ", writeMode " +

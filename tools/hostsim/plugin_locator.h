@@ -18,6 +18,12 @@ std::string SelfExecutablePath();
 std::string LocatePlugin(const std::string& selfExe, const std::string& installRelative,
                          const std::string& buildTreePath);
 
+// Which build a plug-in file is, read from the version text it carries
+// ("AB_ControlLogix_CompactLogix <version>", then " hardened" for the
+// hardened build), without loading it: "1.0.0, default build",
+// "1.0.0, hardened build", or "no version text" when the file has none.
+std::string PluginBuildText(const std::string& pluginPath);
+
 }  // namespace hostsim
 
 #endif  // HOSTSIM_PLUGIN_LOCATOR_H
