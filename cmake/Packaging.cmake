@@ -2,6 +2,10 @@
 # scripts/package.sh), one per install component:
 #
 #   ab-controllogix-compactlogix        runtime: the plug-in
+#   ab-controllogix-compactlogix-hardened
+#                                       runtime_hardened: the hardened plug-in at the
+#                                       same path, in place of the default one
+#                                       (with -DABCL_BUILD_HARDENED_PLUGIN=ON)
 #   ab-controllogix-compactlogix-dev    development: header, CMake and pkg-config files
 #   ab-controllogix-compactlogix-tools  tools: hostsim, plcsim, df1tap, their man pages
 #                                       and the Wireshark dissector of their captures
@@ -31,6 +35,11 @@ set(CPACK_PACKAGE_INSTALL_DIRECTORY ${ABCL_DEB_NAME})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_GENERATOR DEB)
 set(CPACK_COMPONENTS_ALL runtime development tools)
+set(_abcl_deb_components runtime development tools)
+if(ABCL_BUILD_HARDENED_PLUGIN AND NOT ABCL_HARDENED)
+  list(APPEND CPACK_COMPONENTS_ALL runtime_hardened)
+  list(APPEND _abcl_deb_components runtime_hardened)
+endif()
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_STRIP_FILES ON)
 
@@ -56,6 +65,23 @@ string(CONCAT CPACK_COMPONENT_RUNTIME_DESCRIPTION
     "line to a Logix controller. It is installed in its own folder under the\n"
     "library directory, ab-controllogix-compactlogix/.")
 
+# The two plug-in packages put a file at the same path: one or the other.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONFLICTS ${ABCL_DEB_NAME}-hardened)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_REPLACES ${ABCL_DEB_NAME}-hardened)
+
+set(CPACK_DEBIAN_RUNTIME_HARDENED_PACKAGE_NAME ${ABCL_DEB_NAME}-hardened)
+set(CPACK_DEBIAN_RUNTIME_HARDENED_PACKAGE_DEPENDS "${ABCL_DEB_RUNTIME_DEPENDS}")
+set(CPACK_DEBIAN_RUNTIME_HARDENED_PACKAGE_CONFLICTS ${ABCL_DEB_NAME})
+set(CPACK_DEBIAN_RUNTIME_HARDENED_PACKAGE_REPLACES ${ABCL_DEB_NAME})
+# What depends on the plug-in (the -dev package) is served by either.
+set(CPACK_DEBIAN_RUNTIME_HARDENED_PACKAGE_PROVIDES "${ABCL_DEB_NAME} (= ${_abcl_exact})")
+string(CONCAT CPACK_COMPONENT_RUNTIME_HARDENED_DESCRIPTION
+    "ControlLogix/CompactLogix DF1 plug-in, hardened build\n"
+    "The same plug-in, file and entry points, built to match every reply to its\n"
+    "request (transaction number, addresses, CIP service and status, data length),\n"
+    "to report a silent controller during reads, and to refuse host input that\n"
+    "builds no sound frame. It takes the place of ab-controllogix-compactlogix.")
+
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${ABCL_DEB_NAME}-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${ABCL_DEB_NAME} (= ${_abcl_exact}), qtbase5-dev")
@@ -79,7 +105,7 @@ string(CONCAT CPACK_COMPONENT_TOOLS_DESCRIPTION
     "${CPACK_PACKAGING_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/${ABCL_PLUGIN_FOLDER}/wireshark/df1.lua.")
 
 # Every package carries its own copyright file and changelog, as Debian asks.
-foreach(component runtime development tools)
+foreach(component IN LISTS _abcl_deb_components)
   string(TOUPPER ${component} _upper)
   set(_pkg ${CPACK_DEBIAN_${_upper}_PACKAGE_NAME})
   set(_dir ${PROJECT_BINARY_DIR}/debian-doc/${_pkg})

@@ -6,6 +6,8 @@
 #                           pkg-config), run against the installed plcsim
 #   deb_amd64.find_package  the amd64 .debs unpacked with dpkg-deb -x into a
 #   deb_amd64.pkg_config    temporary root, the same consumer built and run
+#   deb_amd64.hardened      the hardened plug-in's package in place of the default
+#                           one: its fields, its version text, the consumer run
 #   deb_armhf.fields        the armhf .debs: architecture, version, depends
 #   deb_armhf.contents      the armhf .debs: the files an integrator needs
 #   deb_armhf.qemu          the consumer cross-built against the armhf root with
@@ -77,6 +79,14 @@ pkg_config_consumer() {
     PKG_CONFIG_PATH=$1 consumer_builds_and_reads "$2" -DCONSUMER_USE_PKG_CONFIG=ON
 }
 
+# The plug-in packages but the hardened one: both hold the same file.
+default_debs() {
+    local deb
+    for deb in "$1"/*.deb; do
+        [[ $deb == *-hardened_* ]] || echo "$deb"
+    done
+}
+
 # -------------------------------------------------------- install prefix --
 prefix=$work/prefix
 cmake --install "$native_build" --prefix "$prefix" >/dev/null
@@ -88,10 +98,35 @@ check install.pkg_config pkg_config_consumer "$prefix/$libdir/pkgconfig" install
 
 # ------------------------------------------------------------ amd64 debs --
 root=$work/root-amd64
-for deb in "$packages"/amd64/*.deb; do dpkg-deb -x "$deb" "$root"; done
+for deb in $(default_debs "$packages"/amd64); do dpkg-deb -x "$deb" "$root"; done
 plcsim=("$root/usr/bin/plcsim")
 check deb_amd64.find_package consumer_builds_and_reads deb-cmake -DCMAKE_PREFIX_PATH="$root/usr"
 check deb_amd64.pkg_config pkg_config_consumer "$root/usr/$libdir/pkgconfig" deb-pc
+
+# The hardened package conflicts with and stands in for the default one; the
+# consumer, built against the -dev files, runs on it unchanged.
+amd64_hardened() {
+    local deb hroot=$work/root-hardened d
+    deb=$(ls "$packages"/amd64/ab-controllogix-compactlogix-hardened_*.deb)
+    dpkg-deb -f "$deb" Conflicts | grep -qx 'ab-controllogix-compactlogix' &&
+        dpkg-deb -f "$deb" Provides | grep -qx "ab-controllogix-compactlogix (= $version-1)" &&
+        dpkg-deb -f "$packages"/amd64/ab-controllogix-compactlogix_*.deb Conflicts |
+        grep -qx 'ab-controllogix-compactlogix-hardened' || { echo "fields"; return 1; }
+    strings "$root/usr/$libdir/$plugin_rel" | grep -qx "AB_ControlLogix_CompactLogix $version" ||
+        { echo "the default package's plug-in is not the default build"; return 1; }
+    # A plain `cmake --install` installs the default plug-in only.
+    strings "$prefix/$libdir/$plugin_rel" | grep -qx "AB_ControlLogix_CompactLogix $version" ||
+        { echo "cmake --install put the hardened plug-in in place"; return 1; }
+    for d in "$deb" "$packages"/amd64/ab-controllogix-compactlogix-dev_*.deb \
+        "$packages"/amd64/ab-controllogix-compactlogix-tools_*.deb; do
+        dpkg-deb -x "$d" "$hroot"
+    done
+    strings "$hroot/usr/$libdir/$plugin_rel" | grep -qx "AB_ControlLogix_CompactLogix $version hardened" ||
+        { echo "the hardened package's plug-in is not the hardened build"; return 1; }
+    local plcsim=("$hroot/usr/bin/plcsim")
+    consumer_builds_and_reads deb-hardened -DCMAKE_PREFIX_PATH="$hroot/usr"
+}
+check deb_amd64.hardened amd64_hardened
 
 # ------------------------------------------------------------ armhf debs --
 armhf_fields() {
@@ -101,6 +136,8 @@ armhf_fields() {
         grep -qx " Architecture: armhf" <<<"$info" && grep -qx " Version: $version-1" <<<"$info" ||
             { echo "$deb: not armhf $version-1"; echo "$info"; return 1; }
     done
+    dpkg-deb -f "$packages"/armhf/ab-controllogix-compactlogix-hardened_*.deb Depends |
+        grep -q 'libqt5core5a (>= ' || { echo "hardened: no libqt5core5a"; return 1; }
     local runtime tools dev
     runtime=$(dpkg-deb -f "$packages"/armhf/ab-controllogix-compactlogix_*.deb Depends)
     tools=$(dpkg-deb -f "$packages"/armhf/ab-controllogix-compactlogix-tools_*.deb Depends)
@@ -132,7 +169,7 @@ check deb_armhf.contents armhf_contents
 # its installed path, seen through QEMU_LD_PREFIX.
 panel=$work/panel
 cp -al "$sysroot" "$panel"
-for deb in "$packages"/armhf/*.deb; do dpkg-deb -x "$deb" "$panel"; done
+for deb in $(default_debs "$packages"/armhf); do dpkg-deb -x "$deb" "$panel"; done
 qemu=(env QEMU_LD_PREFIX="$panel" qemu-arm)
 plcsim=("${qemu[@]}" "$panel/usr/bin/plcsim")
 # The consumer takes the port first and the plug-in second.

@@ -5,6 +5,8 @@
 # lintian:
 #
 #   ab-controllogix-compactlogix_<version>-1_<arch>.deb        the plug-in
+#   ab-controllogix-compactlogix-hardened_<version>-1_<arch>.deb
+#                                                              the hardened plug-in instead
 #   ab-controllogix-compactlogix-dev_<version>-1_<arch>.deb    header, CMake and pkg-config files
 #   ab-controllogix-compactlogix-tools_<version>-1_<arch>.deb  hostsim, plcsim, man pages
 #
@@ -43,7 +45,7 @@ configure_build_pack() {
     shift 2
     cmake -S "$repo_root" -B "$dir" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
         -DABCL_BUILD_TESTS=OFF -DABCL_BUILD_BENCH=OFF -DABCL_BUILD_FUZZ=OFF -DABCL_SANITIZE= \
-        -DABCL_WERROR="$werror" "$@"
+        -DABCL_BUILD_HARDENED_PLUGIN=ON -DABCL_WERROR="$werror" "$@"
     cmake --build "$dir" -j "$jobs"
     rm -rf "${out:?}/$arch"
     mkdir -p "$out/$arch"
@@ -83,7 +85,8 @@ make_armhf() {
     cmake -S "$repo_root" -B "$dir" -DCMAKE_TOOLCHAIN_FILE="$repo_root/cmake/armhf-toolchain.cmake" \
         -DABCL_ARMHF_SYSROOT="$sysroot" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
         -DCMAKE_INSTALL_LIBDIR=lib/arm-linux-gnueabihf \
-        -DABCL_BUILD_TESTS=OFF -DABCL_BUILD_BENCH=OFF -DABCL_BUILD_FUZZ=OFF >/dev/null
+        -DABCL_BUILD_TESTS=OFF -DABCL_BUILD_BENCH=OFF -DABCL_BUILD_FUZZ=OFF \
+        -DABCL_BUILD_HARDENED_PLUGIN=ON >/dev/null
     cmake --build "$dir" -j "$jobs"
     configure_build_pack armhf "$dir" -DCMAKE_TOOLCHAIN_FILE="$repo_root/cmake/armhf-toolchain.cmake" \
         -DABCL_ARMHF_SYSROOT="$sysroot" -DABCL_MAN_PAGES_DIR="$native/man" \
