@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <poll.h>
@@ -46,6 +47,19 @@ public:
         thread_ = std::thread([this, requestSize, answer] {
             received_ = readBytes(requestSize);
             if (!answer.empty()) peer::WriteAll(line_->fd(), answer.data(), answer.size());
+        });
+    }
+    // Takes requestSize bytes, writes answer, then writes each of `later`
+    // gapMs after the one before: a late reply, or a stream of bytes.
+    void answerThen(std::size_t requestSize, std::vector<uint8_t> answer, int gapMs,
+                    std::vector<std::vector<uint8_t>> later) {
+        thread_ = std::thread([this, requestSize, answer, gapMs, later] {
+            received_ = readBytes(requestSize);
+            peer::WriteAll(line_->fd(), answer.data(), answer.size());
+            for (const auto& bytes : later) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(gapMs));
+                peer::WriteAll(line_->fd(), bytes.data(), bytes.size());
+            }
         });
     }
     // Waits for the thread; the request as it arrived.

@@ -106,6 +106,37 @@ TEST_F(HostPortOverPty, PacedRequestArrivesWhole) {
     EXPECT_EQ(reply, kReply);
 }
 
+TEST_F(HostPortOverPty, SettleDropsWhatComesUntilTheLineIsQuiet) {
+    // The reply, then a second frame (a late answer) 30 ms after it.
+    const std::vector<uint8_t> late = peer::FrameReply(Bytes("00 01 4B 00 22 00 10 10"));
+    std::vector<uint8_t> seen;
+    port.setObserver([&seen](peer::Traffic traffic, const uint8_t* bytes, std::size_t n, int64_t) {
+        if (traffic == peer::Traffic::kReceived) seen.insert(seen.end(), bytes, bytes + n);
+    });
+    controller.answerThen(kRequest.size(), kReply, 30, {late});
+    ASSERT_EQ(Exchange(kReplyTimeoutMs), peer::LineOutcome::kReply);
+    port.settle(kReplyTimeoutMs / 2, 2 * kReplyTimeoutMs, -1);
+    controller.request();  // every byte has been written
+    // The late frame was taken off the line (and shown to the observer).
+    EXPECT_EQ(port.collect(kShortTimeoutMs, -1, &reply), peer::LineOutcome::kTimeout);
+    EXPECT_TRUE(reply.empty());
+    std::vector<uint8_t> both = kReply;
+    both.insert(both.end(), late.begin(), late.end());
+    EXPECT_EQ(seen, both);
+}
+
+TEST_F(HostPortOverPty, SettleEndsAfterItsLongestWaitOnABusyLine) {
+    // A byte every 10 ms for about two seconds: the line is never quiet for
+    // 100 ms, and settling gives up after 200 ms with bytes still coming.
+    std::vector<std::vector<uint8_t>> stream(200, Bytes("55"));
+    controller.answerThen(kRequest.size(), kReply, 10, stream);
+    ASSERT_EQ(Exchange(kReplyTimeoutMs), peer::LineOutcome::kReply);
+    port.settle(100, 200, -1);
+    EXPECT_EQ(port.collect(kShortTimeoutMs, -1, &reply), peer::LineOutcome::kTimeout);
+    EXPECT_FALSE(reply.empty()) << "settling went on past its longest wait";
+    controller.request();
+}
+
 TEST(HostPort, ExchangeOnAClosedPortIsAnError) {
     peer::HostPort port;
     std::vector<uint8_t> reply;

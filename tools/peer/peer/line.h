@@ -183,6 +183,12 @@ public:
     // Collects a reply that is already on its way, without sending anything
     // and without dropping input.
     LineOutcome collect(int timeoutMs, int wakeFd, std::vector<uint8_t>* reply);
+    // Reads and drops input until none has come for quietMs, for maxMs at
+    // most, or until wakeFd becomes readable: after a reply the plug-in
+    // refused, which may have been a late answer to an earlier request, the
+    // answer to the refused one may still be on its way. An observer sees
+    // the bytes dropped.
+    void settle(int quietMs, int maxMs, int wakeFd);
     // Why the line failed (the last kError, or the start of the current
     // down period).
     const std::string& error() const { return error_; }

@@ -6,6 +6,10 @@ namespace peer {
 
 namespace {
 
+// DataCom's good results: a local and a remote request.
+constexpr int kResultGood = 1;
+constexpr int kResultRemoteGood = 100;
+
 template <typename Fn>
 bool Resolve(void* handle, const char* name, Fn* fn, std::string* missing) {
     void* symbol = dlsym(handle, name);
@@ -84,6 +88,13 @@ Exchange RunExchange(const PluginApi& api, HostPort& port, int timeoutMs, int wa
 
     const RW_VAR* current = api.DataCom(e.handed, e.handed.size());
     e.result = current->result;
+    // A refused reply may have been a late answer to an earlier request,
+    // with the answer to this one still on its way: the line is let fall
+    // quiet first, or that answer would meet the next request, be refused in
+    // turn, and keep every later exchange one reply behind.
+    if (e.outcome == LineOutcome::kReply && e.result != kResultGood &&
+        e.result != kResultRemoteGood)
+        port.settle(timeoutMs / 2, timeoutMs, wakeFd);
     e.varId = current->varId;
     e.varSubId = current->varSubId;
     e.station = current->station;

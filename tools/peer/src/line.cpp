@@ -389,6 +389,30 @@ void HostPort::dropStaleInput() {
     tcflush(fd_, TCIFLUSH);
 }
 
+void HostPort::settle(int quietMs, int maxMs, int wakeFd) {
+    if (fd_ < 0 || down_) return;
+    const int64_t endMs = MonotonicMs() + maxMs;
+    int64_t quietUntilMs = MonotonicMs() + quietMs;
+    uint8_t buffer[512];
+    while (true) {
+        const int64_t waitMs = std::min(quietUntilMs, endMs) - MonotonicMs();
+        if (waitMs <= 0) return;
+        pollfd fds[2] = {{fd_, POLLIN, 0}, {wakeFd, POLLIN, 0}};
+        const int ready = poll(fds, wakeFd >= 0 ? 2 : 1, static_cast<int>(waitMs));
+        if (ready < 0 && errno == EINTR) continue;
+        // Quiet, stopped, or a failing line: the next exchange deals with it.
+        if (ready <= 0 || (wakeFd >= 0 && (fds[1].revents & POLLIN))) return;
+        if (!(fds[0].revents & POLLIN)) return;
+        const ssize_t r = ::read(fd_, buffer, sizeof buffer);
+        if (r > 0) {
+            observe(Traffic::kReceived, buffer, static_cast<std::size_t>(r), MonotonicNs());
+            quietUntilMs = MonotonicMs() + quietMs;
+        } else if (r == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
+            return;
+        }
+    }
+}
+
 LineOutcome HostPort::exchange(const uint8_t* request, std::size_t n, int timeoutMs, int wakeFd,
                                std::vector<uint8_t>* reply) {
     reply->clear();
