@@ -122,36 +122,35 @@ void SaveDataField(const QByteArray& data, typename Layout::Value* area) {
     }
 }
 
-}  // namespace
-
-void SaveDataFieldToLocalDataErea(const QByteArray& data) {
+// Hands the area of the queued request's type to saveWords (the word areas)
+// or saveLongs (the 32-bit area). Nothing is stored with several stations,
+// where no image is kept. Bit variables are stored as whole words; the bit
+// is picked out when the host reads it.
+template <typename SaveWords, typename SaveLongs>
+void SaveIntoRequestsArea(SaveWords saveWords, SaveLongs saveLongs) {
     AB_ControlLogix_CompactLogix& d = PLC_driver;
-    if (settings().multiStation != 0) return;  // several stations: no image is kept
+    if (settings().multiStation != 0) return;
     if (d.protocolList.isEmpty()) return;
     switch (d.protocolList.first().var.dataType) {
         case ABCL_BIT_A:
-        case ABCL_WORD_A: SaveDataField<WordLayout>(data, d.areaA); break;
+        case ABCL_WORD_A: saveWords(d.areaA); break;
         case ABCL_BIT_B:
-        case ABCL_WORD_B: SaveDataField<WordLayout>(data, d.areaB); break;
-        case ABCL_REAL: SaveDataField<LongLayout>(data, d.areaD); break;
+        case ABCL_WORD_B: saveWords(d.areaB); break;
+        case ABCL_REAL: saveLongs(d.areaD); break;
         default: break;
     }
 }
 
+}  // namespace
+
+void SaveDataFieldToLocalDataErea(const QByteArray& data) {
+    SaveIntoRequestsArea([&data](uint16_t* area) { SaveDataField<WordLayout>(data, area); },
+                         [&data](uint32_t* area) { SaveDataField<LongLayout>(data, area); });
+}
+
 void SaveToLocalDataErea(const QByteArray& reply) {
-    AB_ControlLogix_CompactLogix& d = PLC_driver;
-    if (settings().multiStation != 0) return;  // several stations: no image is kept
-    if (d.protocolList.isEmpty()) return;
-    // Bit variables are stored as whole words; the bit is picked out when the
-    // host reads it.
-    switch (d.protocolList.first().var.dataType) {
-        case ABCL_BIT_A:
-        case ABCL_WORD_A: SaveWordToUS(reply, d.areaA); break;
-        case ABCL_BIT_B:
-        case ABCL_WORD_B: SaveWordToUS(reply, d.areaB); break;
-        case ABCL_REAL: SaveWordToUI(reply, d.areaD); break;
-        default: break;
-    }
+    SaveIntoRequestsArea([&reply](uint16_t* area) { SaveWordToUS(reply, area); },
+                         [&reply](uint32_t* area) { SaveWordToUI(reply, area); });
 }
 
 void SaveWordToUS(const QByteArray& reply, uint16_t* area) {
