@@ -104,7 +104,11 @@ void MergeIntoReadList(const std::vector<ListPiece>& sorted, int maxCount, RW_VA
         const int64_t pieceEnd = address + piece.count;
         if (groupEnd > address && groupEnd >= pieceEnd) continue;  // already covered
         const int64_t newLength = pieceEnd - groupStart;
-        if (newLength <= maxCount) {
+        // The hardened build never lets a merged request run past the end of
+        // the file it starts in: the controller would refuse all of it.
+        const int64_t fileEnd = (groupStart / kElementsPerFile + 1) * kElementsPerFile;
+        const bool crossesFile = kHardened && pieceEnd > fileEnd;
+        if (newLength <= maxCount && !crossesFile) {
             list->last().count = Wrap32(newLength);
             groupLength = newLength;
         } else {
@@ -315,6 +319,9 @@ QList<RW_VAR> BuildCyclicList(const QList<ReadVarItem*>& items, const ComInfo& s
         std::vector<ListPiece>& pieces = perType[item->dataType];
         if (kHardened && pieces.size() >= static_cast<size_t>(kAreaElements)) continue;
         ForEachPiece(count, s.maxCount, address, [&pieces, i](int32_t at, int32_t n) {
+            // The split's growing step can carry a piece past the area's end
+            // even when the variable fits: the hardened build cuts it there.
+            if (kHardened && !CapToArea(at, &n)) return;
             pieces.push_back({PieceOrder(at, pieces.size()), n, i});
         });
     }

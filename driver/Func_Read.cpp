@@ -5,7 +5,29 @@
 #include "df1_frame.h"
 #include "protocol_constants.h"
 
+#include <algorithm>
+
 namespace {
+
+// Elements a read of this record asks for, and the bytes each one takes.
+struct ReadSize {
+    int64_t elements;
+    int elementBytes;
+};
+ReadSize SizeOfRead(const RW_VAR& var) {
+    if (var.dataType == ABCL_REAL)
+        return {std::max<int64_t>(int64_t{var.count} - 1, 1), cip::kRealBytes};
+    return {var.count, cip::kIntBytes};
+}
+
+// Hardened build: a count of at least 1, and a reply body (header, type and
+// data) within the 16-bit byte count of a DF1 frame's block check, which
+// also keeps the element count within its 16 bits on the wire.
+bool ReplyFitsAFrame(const RW_VAR& var) {
+    if (var.count < 1) return false;
+    const ReadSize size = SizeOfRead(var);
+    return reply_body::kData + size.elements * size.elementBytes <= kLongestDf1Body;
+}
 
 void QueueRead(RW_VAR* var, char letter, int elements, int dataBytes) {
     FrameWriter w;
@@ -24,9 +46,10 @@ void QueueRead(RW_VAR* var, char letter, int elements, int dataBytes) {
 
 void ReadRegister(RW_VAR* var) {
     if (!var) return;
-    // The hardened build asks for no run an area cannot hold: such an entry
-    // builds no frame, and the scheduler drops it as failed.
-    if (kHardened && (var->count < 1 || var->count > kAreaElements)) return;
+    // The hardened build asks for no run an area cannot hold, nor one whose
+    // reply no DF1 frame can carry: such an entry builds no frame, and the
+    // scheduler drops it as failed.
+    if (kHardened && !ReplyFitsAFrame(*var)) return;
     switch (var->dataType) {
         case ABCL_BIT_A:
         case ABCL_BIT_B:

@@ -374,7 +374,7 @@ RW_VAR* TakeReply(const QByteArray& reply, int len) {
     int code = 0;
     if (p.replyLen == kUnknownReplyLength) {
         d.current.result = FixReplyLength(p, reply);
-        // The design leaves a failed length-learning exchange uncounted, so
+        // The default build leaves a failed length-learning exchange uncounted, so
         // a silent controller is never reported while only reads are
         // queued; the hardened build fails it like any other exchange.
         if (!kHardened || d.current.result == 1) return &d.current;

@@ -139,8 +139,10 @@ ABCL_EXPORT Protocol* ComCommunication();
 // Communication thread, after each ComCommunication that returned a request.
 // Hands over the reply (len 0 when nothing came). Returns the driver's record of
 // the finished variable; its result is 1 or 100 for a good exchange, 0 while a
-// failure is being retried or a reply length is being learnt, and 11-22, 41-52,
-// 71-82, 111-122, 141-152, 171-182 for a reported failure.
+// failure is being retried, and 11-22, 41-52, 71-82, 111-122, 141-152, 171-182
+// for a reported failure. An exchange that learns a read's reply length
+// returns 1 when it learnt it (with the record of the variable finished before)
+// and 0 when it did not.
 ABCL_EXPORT RW_VAR* DataCom(QByteArray reply, int len);
 
 // Any thread. Converts an address text ("7:10", "7:10/3") of the given data type
