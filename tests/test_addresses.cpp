@@ -327,11 +327,15 @@ TEST_F(AddressCallers, NegativePieceWithPositiveIndex_Accepted) {
     EXPECT_EQ(ToHex(out), "EF BE");
 }
 
+// The largest valid bit and word texts, far beyond the areas.
+const QString kHugeBitText = QStringLiteral("2147483647:2147483647/2147483647");
+const QString kHugeWordText = QStringLiteral("2147483647:2147483647");
+
 TEST_F(AddressCallers, IntMaxPiecesGivingHugeIndex_AcceptedButOutsideTheImage) {
-    // Valid (non-negative) indexes far beyond the areas: every caller accepts
-    // them, nothing is copied from or into the image, nothing crashes.
-    const QString bitText = QStringLiteral("2147483647:2147483647/2147483647");
-    const QString wordText = QStringLiteral("2147483647:2147483647");
+    // Valid (non-negative) indexes far beyond the areas: the image callers
+    // accept them, nothing is copied from or into the image, nothing crashes.
+    const QString& bitText = kHugeBitText;
+    const QString& wordText = kHugeWordText;
     const int bitIndex = StringAddressToInt(0, bitText);
     const int wordIndex = StringAddressToInt(2, wordText);
     ASSERT_EQ(bitIndex, ModelPack(0, bitText));
@@ -360,22 +364,44 @@ TEST_F(AddressCallers, IntMaxPiecesGivingHugeIndex_AcceptedButOutsideTheImage) {
     EXPECT_EQ(SetRegisterData(QString(), 2, wordText, 1, &in, 300, 1, 1), 14);
     setCommError(false);
 
-    RW_VAR var;
-    var.dataType = ABCL_BIT_A;
-    var.addrText = bitText;
-    var.count = 4;
-    EXPECT_EQ(AddListOnceReadVar(&var, 0), 1);
-    var.dataType = ABCL_WORD_A;
-    var.addrText = wordText;
-    var.count = 300;
-    EXPECT_EQ(AddListOnceReadVar(&var, 0), 11);
-
     for (int i = 0; i < kAreaElements; ++i) {
         if (PLC_driver.areaA[i] != 0 || PLC_driver.areaB[i] != 0 || PLC_driver.areaD[i] != 0) {
             ADD_FAILURE() << "image changed at element " << i;
             break;
         }
     }
+}
+
+TEST_F(AddressCallers, IntMaxPiecesGivingHugeIndex_OnceReadsQueuedOutsideTheImage) {
+    ABCL_DEFAULT_BUILD_ONLY("the hardened build queues no one-shot read outside the local areas");
+    RW_VAR var;
+    var.dataType = ABCL_BIT_A;
+    var.addrText = kHugeBitText;
+    var.count = 4;
+    EXPECT_EQ(AddListOnceReadVar(&var, 0), 1);
+    var.dataType = ABCL_WORD_A;
+    var.addrText = kHugeWordText;
+    var.count = 300;
+    EXPECT_EQ(AddListOnceReadVar(&var, 0), 11);
+}
+
+TEST_F(AddressCallers, IntMaxPiecesGivingHugeIndex_OnceReadsOutsideTheAreasNotQueued_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build queues reads of any valid index");
+    RW_VAR var;
+    var.dataType = ABCL_BIT_A;
+    var.addrText = kHugeBitText;
+    var.count = 4;
+    EXPECT_EQ(AddListOnceReadVar(&var, 0), 0);
+    var.dataType = ABCL_WORD_A;
+    var.addrText = kHugeWordText;
+    var.count = 300;
+    EXPECT_EQ(AddListOnceReadVar(&var, 0), 0);
+    EXPECT_TRUE(PLC_driver.onceReadList.isEmpty());
+
+    // A valid read behind them is still taken.
+    var.addrText = QStringLiteral("7:0");
+    var.count = 2;
+    EXPECT_EQ(AddListOnceReadVar(&var, 0), 1);
 }
 
 TEST_F(AddressCallers, SlashInFilePiece_UsedWithBitZero) {

@@ -4,7 +4,8 @@
 // AddListOnceReadVar leaves the queue and the host's record exactly as
 // splitting the read piece by piece and scanning the whole queue for each
 // piece would (the model below), although the driver stops once the queue is
-// full and looks pieces up in a set.
+// full and looks pieces up in a set. The hardened build first caps the read
+// at the end of its local area, and queues none that starts outside it.
 //
 // Bit writes: SetRegisterData of many bits leaves the write queue, the image
 // and its result exactly as queuing every bit on its own would, although the
@@ -53,6 +54,14 @@ void ModelQueueOnceRead(QList<RW_VAR>& queue, RW_VAR* var, const ComInfo& s) {
         var->address = a & ~15;
         const int64_t total = (a & 15) + static_cast<int64_t>(var->count);
         var->count = Wrap(total / 16 + (total % 16 != 0 ? 1 : 0));
+    }
+    if (kHardenedBuild) {
+        // Only what the local areas hold: from an element inside them, at
+        // least one, at most up to the last element.
+        const int64_t first = bits ? var->address >> 4 : var->address;
+        if (var->count < 1 || first < 0 || first >= kAreaElements) return;
+        if (var->count > kAreaElements - first)
+            var->count = static_cast<int32_t>(kAreaElements - first);
     }
     const int64_t start = var->address;
     const PieceSplit split = SplitIntoPieces(var->count, s.maxCount);

@@ -181,6 +181,19 @@ TEST_F(ReplyCheck, BodySummingToZero_BlockCheckZeroIsGood) {
     EXPECT_EQ(CheckGetData(wrong, wrong.size()), 0);
 }
 
+TEST_F(ReplyCheck, BodyLongerThanTheBlockCheckCounts_IsBad_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build checks the bytes within the check's 16-bit count");
+    // Zero bytes sum to zero however many of them are counted: a check of 0
+    // fits the whole body and a count wrapped to 16 bits alike, so only the
+    // body's length can fail these replies.
+    const QByteArray longest = Framed(QByteArray(0xFFFF, '\0'));
+    EXPECT_EQ(CheckGetData(longest, longest.size()), 1);
+    for (const int size : {0x10000, 0x10001, 0x20000}) {
+        const QByteArray reply = Framed(QByteArray(size, '\0'));
+        EXPECT_EQ(CheckGetData(reply, reply.size()), 0) << size << " bytes";
+    }
+}
+
 TEST_F(ReplyCheck, BlockCheckOf0x10_IsReadAsOneByte) {
     // 0x70 + 0x80 = 0xF0, whose two's complement is 0x10.
     const QByteArray reply = Hex("10 06 10 02 70 80 10 03 10");

@@ -312,10 +312,24 @@ INSTANTIATE_TEST_SUITE_P(
     RowName());
 
 TEST_F(OnceQueue, ZeroCount_QueuesNothingAndReturnsLength) {
+    ABCL_DEFAULT_BUILD_ONLY("the hardened build returns 0 for a read it does not queue");
     RW_VAR first = Read(2, "7:10", 1);
     AddListOnceReadVar(&first, 0);
     RW_VAR v = Read(2, "7:20", 0);
     EXPECT_EQ(AddListOnceReadVar(&v, 0), 1);
+}
+
+TEST_F(OnceQueue, CountBelowOne_NotQueuedAndReturnsZero_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build returns the queue's length for a read of nothing");
+    RW_VAR first = Read(2, "7:10", 1);
+    ASSERT_EQ(AddListOnceReadVar(&first, 0), 1);
+    for (const int count : {0, -1, INT_MIN}) {
+        RW_VAR words = Read(3, "7:20", count);
+        EXPECT_EQ(AddListOnceReadVar(&words, 0), 0) << "count " << count;
+        RW_VAR reals = Read(4, "8:0", count);
+        EXPECT_EQ(AddListOnceReadVar(&reals, 0), 0) << "count " << count;
+    }
+    EXPECT_EQ(OncePieces(), (std::vector<Piece>{{1802, 1}}));
 }
 
 TEST_F(OnceQueue, OtherDataType_KeepsTheHostsAddress) {
@@ -471,6 +485,7 @@ TEST_F(FullOnceQueue, Mode1_AppendsPastTheLimit) {
 }
 
 TEST_F(OnceQueue, HugeWordCount_BoundedAndNoCrash) {
+    ABCL_DEFAULT_BUILD_ONLY("the hardened build caps the read at the end of the local area");
     // 32,768 pieces of 65,536 words; the last one starts at 2,147,483,647.
     info.maxCount = 1 << 16;
     RW_VAR words = Read(2, "255:255", INT_MAX);
@@ -479,6 +494,31 @@ TEST_F(OnceQueue, HugeWordCount_BoundedAndNoCrash) {
     EXPECT_EQ(PLC_driver.onceReadList[1].address, 65535 + 65536);
     EXPECT_EQ(words.address, INT_MAX);
     EXPECT_EQ(words.count, 65535);
+}
+
+TEST_F(OnceQueue, HugeWordCount_CappedAtTheEndOfTheArea_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build queues pieces far past the local area");
+    info.maxCount = 1 << 16;
+    RW_VAR words = Read(2, "255:255", INT_MAX);
+    EXPECT_EQ(AddListOnceReadVar(&words, 0), 1);
+    EXPECT_EQ(OncePieces(), (std::vector<Piece>{{65535, 1}}));
+    EXPECT_EQ(words.address, 65535);
+    EXPECT_EQ(words.count, 1);
+}
+
+TEST_F(OnceQueue, ReadsRunningPastTheAreaEnd_CappedThenSplit_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build reads past the local area");
+    info.maxCount = 4;
+    // Elements 65530..65549: six of them lie in the area.
+    RW_VAR words = Read(3, "255:250", 20, 1);
+    EXPECT_EQ(AddListOnceReadVar(&words, 0), 2);
+    // Bits 8..47 of the last word hold three words; one of them is in the area.
+    RW_VAR bits = Read(0, "255:255/8", 40, 2);
+    EXPECT_EQ(AddListOnceReadVar(&bits, 0), 3);
+    // A run starting outside the area is not queued at all.
+    RW_VAR outside = Read(3, "256:0", 1, 3);
+    EXPECT_EQ(AddListOnceReadVar(&outside, 0), 0);
+    EXPECT_EQ(OncePieces(), (std::vector<Piece>{{65530, 4}, {65534, 2}, {65535 * 16, 1}}));
 }
 
 TEST_F(OnceQueue, HugeBitCount_BoundedAndNoCrash) {

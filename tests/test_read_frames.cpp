@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -60,8 +61,15 @@ struct FrameRow {
 
 class ReadFrameBytes : public ReadFrames, public ::testing::WithParamInterface<FrameRow> {};
 
+// The hardened build's ReadRegister builds no frame for these rows (see
+// CountBelowOneOrReplyBeyondAFrame_NoFrame_Hardened); the builders themselves
+// still encode them.
+constexpr const char* kNoHardenedReadBelowOne =
+    "the hardened build asks for no read of fewer than one element";
+
 TEST_P(ReadFrameBytes, FrameAndBookkeeping) {
     const FrameRow& row = GetParam();
+    if (row.count < 1) ABCL_DEFAULT_BUILD_ONLY(kNoHardenedReadBelowOne);
     const Protocol p = BuildOne(row.dataType, row.address, row.count, row.tns);
     const QByteArray expected = Hex(row.hex);
     EXPECT_EQ(ToHex(p.frame), ToHex(expected));
@@ -90,6 +98,7 @@ TEST_P(ReadFrameBytes, BuilderCalledDirectlyGivesTheSameFrame) {
 
 TEST_P(ReadFrameBytes, FrameEndsInDleEtxAndItsBlockCheck) {
     const FrameRow& row = GetParam();
+    if (row.count < 1) ABCL_DEFAULT_BUILD_ONLY(kNoHardenedReadBelowOne);
     const Protocol p = BuildOne(row.dataType, row.address, row.count, row.tns);
     ASSERT_GE(p.frame.size(), 45);
     const QByteArray throughEtx = p.frame.left(p.frame.size() - 1);
@@ -380,6 +389,7 @@ TEST_F(ReadFrames, BuilderLeavesTransactionCounterAndRecordAlone) {
 }
 
 TEST_F(ReadFrames, ShortCountDataBytesWrapLikeThe32BitPanel) {
+    ABCL_DEFAULT_BUILD_ONLY("the hardened build asks for no read of these counts");
     // dataBytes is count x 2 in 32-bit arithmetic.
     EXPECT_EQ(BuildOne(kTypeWordB, WordAddress(7, 0), 0x40000000, 0x21).dataBytes, INT_MIN);
     PLC_driver.protocolList.clear();
@@ -389,12 +399,51 @@ TEST_F(ReadFrames, ShortCountDataBytesWrapLikeThe32BitPanel) {
 }
 
 TEST_F(ReadFrames, ElementCountBytesAreBits8To15And0To7) {
+    ABCL_DEFAULT_BUILD_ONLY(
+        "the hardened build asks for no read of more elements than an area holds");
     // 0x12345 names 0x23 0x45: only the low 16 bits go out.
     const Protocol p = BuildOne(kTypeWordB, WordAddress(7, 0), 0x12345, 0x21);
     ASSERT_EQ(p.frame.size(), 45);
     EXPECT_EQ(static_cast<uint8_t>(p.frame[33]), 0x23);
     EXPECT_EQ(static_cast<uint8_t>(p.frame[34]), 0x45);
     EXPECT_EQ(p.dataBytes, 0x12345 * 2);
+}
+
+TEST_F(ReadFrames, CountBelowOneOrReplyBeyondAFrame_NoFrame_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build encodes any count");
+    info.replyDone = 7;
+    info.replyTotal = 9;
+    for (const int type : {kTypeBitA, kTypeBitB, kTypeWordA, kTypeWordB, kTypeReal}) {
+        for (const int count : {0, -1, -7, INT_MIN, kAreaElements + 1, 0x12345, INT_MAX}) {
+            RW_VAR v = Record(type, WordAddress(7, 0), count);
+            ReadRegister(&v);
+            EXPECT_TRUE(PLC_driver.protocolList.isEmpty()) << "type " << type << " count " << count;
+        }
+    }
+    EXPECT_EQ(info.replyDone, 7);
+    EXPECT_EQ(info.replyTotal, 9);
+
+    // The reply's body (22 bytes before the data) must stay within the
+    // block check's 16-bit byte count: 32,756 words or 16,378 REALs.
+    for (const auto& [type, largest] :
+         {std::pair<int, int>{kTypeWordB, 32756}, std::pair<int, int>{kTypeBitA, 32756},
+          std::pair<int, int>{kTypeReal, 16379}}) {
+        RW_VAR tooLong = Record(type, WordAddress(7, 0), largest + 1);
+        ReadRegister(&tooLong);
+        EXPECT_TRUE(PLC_driver.protocolList.isEmpty()) << "type " << type;
+        RW_VAR fits = Record(type, WordAddress(7, 0), largest);
+        ReadRegister(&fits);
+        ASSERT_EQ(PLC_driver.protocolList.size(), 1) << "type " << type;
+        EXPECT_EQ(22 + PLC_driver.protocolList.first().dataBytes, 65534) << "type " << type;
+        PLC_driver.protocolList.clear();
+    }
+
+    // Counts from one on are asked for.
+    EXPECT_EQ(BuildOne(kTypeWordB, WordAddress(7, 0), 1, 0x21).dataBytes, 2);
+    PLC_driver.protocolList.clear();
+    EXPECT_EQ(BuildOne(kTypeReal, WordAddress(8, 4), 1, 0x21).dataBytes, 4);
+    PLC_driver.protocolList.clear();
+    EXPECT_EQ(BuildOne(kTypeWordA, WordAddress(3, 0), 300, 0x21).dataBytes, 600);
 }
 
 // ---------------------------------------------------------- block check walk

@@ -1,5 +1,6 @@
 // The cyclic read list: the host's variables become read requests of at most
 // maxCount elements, neighbours of one data type merged into one request.
+#include "build_kind.h"
 #include "test_support.h"
 
 #include "Func_Initi.h"
@@ -62,6 +63,24 @@ TEST_F(ReadList, WordsTooFarApart_StayTwoRequests) {
     host.Add(2, "0:40", 4);  // 10..43 would be 34 words, more than 32
     EXPECT_EQ(Rebuild(), 2);
     EXPECT_EQ(Requests(), (std::vector<Request>{{2, 10, 5}, {2, 40, 4}}));
+}
+
+TEST_F(ReadList, NeighboursAcrossAFileEnd_MergeIntoOneRequest) {
+    ABCL_DEFAULT_BUILD_ONLY("the hardened build keeps a merged request inside its file");
+    // Word 254 of file 7 and word 0 of file 8 lie two packed addresses apart.
+    host.Add(3, "7:254", 2);
+    host.Add(3, "8:0", 4);
+    EXPECT_EQ(Rebuild(), 1);
+    EXPECT_EQ(Requests(), (std::vector<Request>{{3, 7 * 256 + 254, 6}}));
+}
+
+TEST_F(ReadList, NeighboursAcrossAFileEnd_StayTwoRequests_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build merges by packed address alone");
+    host.Add(3, "7:254", 2);
+    host.Add(3, "8:0", 4);
+    host.Add(3, "8:6", 2);  // still merged within file 8
+    EXPECT_EQ(Rebuild(), 2);
+    EXPECT_EQ(Requests(), (std::vector<Request>{{3, 7 * 256 + 254, 2}, {3, 8 * 256, 8}}));
 }
 
 TEST_F(ReadList, CoveredVariable_AddsNothing) {
@@ -214,6 +233,37 @@ TEST_F(ReadList, ZeroMaxCount_VariableInsideAnotherAddsNothing) {
     host.Add(2, "0:20", 4);
     EXPECT_EQ(Rebuild(), 1);
     EXPECT_EQ(Requests(), (std::vector<Request>{{2, 10, 50}}));
+}
+
+TEST_F(ReadList, RangesCappedAtTheAreaEnd_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build lists reads past the local areas");
+    info.maxCount = 4;
+    host.Add(3, "255:250", 8);     // elements 65530..65537: six in the area
+    host.Add(2, "256:0", 3);       // starts past the area: not listed
+    host.Add(0, "255:255/8", 40);  // three words from the last one: one in the area
+    host.Add(4, "0:0", -3);        // no element
+    host.Add(4, "0:0", 0);
+    EXPECT_EQ(Rebuild(), 3);
+    EXPECT_EQ(Requests(), (std::vector<Request>{{0, 65535, 1}, {3, 65530, 4}, {3, 65534, 2}}));
+}
+
+TEST_F(ReadList, SplitPiecesCarriedPastTheAreaEnd_CutThere_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build lists the pieces where the split puts them");
+    info.maxCount = 10;
+    // 36 words from element 65480 fit the area, but the split's growing step
+    // puts its pieces at 65480, 65490, 65510 and 65540.
+    host.Add(2, "255:200", 36);
+    EXPECT_EQ(Rebuild(), 3);
+    EXPECT_EQ(Requests(), (std::vector<Request>{{2, 65480, 10}, {2, 65490, 10}, {2, 65510, 10}}));
+}
+
+TEST_F(ReadList, SplitPiecesCarriedPastTheAreaEnd_ListedAsSplit) {
+    ABCL_DEFAULT_BUILD_ONLY("the hardened build cuts pieces at the area's end");
+    info.maxCount = 10;
+    host.Add(2, "255:200", 36);
+    EXPECT_EQ(Rebuild(), 4);
+    EXPECT_EQ(Requests(), (std::vector<Request>{
+                              {2, 65480, 10}, {2, 65490, 10}, {2, 65510, 10}, {2, 65540, 6}}));
 }
 
 // ---- bit variables are read as whole words ------------------------------------

@@ -201,6 +201,7 @@ TEST_F(RemoteFrames, ChecksumIsLowByteOfSumOverLengthByteAndFields) {
 }
 
 TEST_F(RemoteFrames, WriteLongerThan255_LengthByteIsLow8Bits) {
+    ABCL_DEFAULT_BUILD_ONLY("the hardened build builds no frame its length byte cannot count");
     RW_VAR var = Record({0x101, 0, 1, 2, 3, 0x705, 150, 0, 0}, QByteArray(300, '\xEE'));
     Remote_WriteVar(&var);
     ASSERT_EQ(1, PLC_driver.protocolList.size());
@@ -213,6 +214,24 @@ TEST_F(RemoteFrames, WriteLongerThan255_LengthByteIsLow8Bits) {
     EXPECT_EQ(ToHex(QByteArray(300, '\xEE')), ToHex(p.frame.mid(21, 300)));
     EXPECT_EQ(ChecksumOf(p.frame), static_cast<uint8_t>(p.frame.back()));
     EXPECT_EQ(14, p.replyLen);
+}
+
+TEST_F(RemoteFrames, WriteLongerThan255_NoFrame_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build sends the low 8 bits of the length");
+    // 21 bytes of length and fields, the values, the checksum: 233 values
+    // make 255 bytes, the most the length byte counts.
+    RW_VAR longest = Record({0x101, 0, 1, 2, 3, 0x705, 150, 0, 0}, QByteArray(233, '\xEE'));
+    Remote_WriteVar(&longest);
+    ASSERT_EQ(1, PLC_driver.protocolList.size());
+    EXPECT_EQ(255, PLC_driver.protocolList.first().frame.size());
+    EXPECT_EQ(255, static_cast<uint8_t>(PLC_driver.protocolList.first().frame[0]));
+    PLC_driver.protocolList.clear();
+
+    for (const int values : {234, 300, 1000}) {
+        RW_VAR var = Record({0x101, 0, 1, 2, 3, 0x705, 150, 0, 0}, QByteArray(values, '\xEE'));
+        Remote_WriteVar(&var);
+        EXPECT_TRUE(PLC_driver.protocolList.isEmpty()) << values << " value bytes";
+    }
 }
 
 TEST_F(RemoteFrames, Write_NoDleFraming_ValueBytes10Undoubled) {

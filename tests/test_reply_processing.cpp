@@ -2,9 +2,12 @@
 // request on the wire, and the result codes it hands back.
 #include "test_support.h"
 
+#include "Func_Read.h"
+#include "Func_Write.h"
 #include "queue_helpers.h"
 #include "reply_builder.h"
 
+#include <functional>
 #include <random>
 #include <tuple>
 #include <utility>
@@ -94,17 +97,40 @@ protected:
         return DataCom(reply, reply.size());
     }
 
-    // Queues a request directly, as a builder would have.
+    // Queues a request directly, as a builder would have: with the frame the
+    // word builders make for the record at the current transaction number
+    // (what a reply answers), and the reply bookkeeping as given.
     Protocol& PushRequest(const RW_VAR& v, int replyLen, int dataPos = 0, int dataBytes = 0) {
         Protocol p;
-        p.frame = Hex("10 06 10 02");
-        p.frameLen = 4;
+        p.frame = FrameOf(v);
+        p.frameLen = p.frame.size();
         p.replyLen = replyLen;
         p.dataPos = dataPos;
         p.dataBytes = dataBytes;
         p.var = v;
         PLC_driver.protocolList.append(p);
         return PLC_driver.protocolList.last();
+    }
+
+    // The word read or write frame of a record (aux2 1: a write), built aside
+    // so that the queue, the reply counters and the image stay as they are.
+    QByteArray FrameOf(RW_VAR v) {
+        QList<Protocol> queued;
+        queued.swap(PLC_driver.protocolList);
+        const int replyDone = info.replyDone;
+        const int replyTotal = info.replyTotal;
+        if (v.aux2 == 1)
+            WriteAnalog(&v);
+        else
+            ReadAnalog(&v);
+        const QByteArray frame = PLC_driver.protocolList.isEmpty()
+                                     ? QByteArray()
+                                     : PLC_driver.protocolList.first().frame;
+        PLC_driver.protocolList.swap(queued);
+        info.replyDone = replyDone;
+        info.replyTotal = replyTotal;
+        EXPECT_FALSE(frame.isEmpty()) << "no frame for varId " << v.varId;
+        return frame;
     }
 };
 
@@ -279,7 +305,11 @@ TEST_F(ReplyProcessing, OneShotRead_ThirdFailedFullReplyReportedAndCallsBackWith
     EXPECT_EQ(PLC_driver.current.varId, 4);
 }
 
+constexpr const char* kHardenedBuildFailsLearning =
+    "the hardened build fails a length-learning exchange without a usable reply like any other";
+
 TEST_F(ReplyProcessing, UnfixedLengthRead_FailedFirstReplyIsNotCountedAsRetry) {
+    ABCL_DEFAULT_BUILD_ONLY(kHardenedBuildFailsLearning);
     QueueCyclic(WordRead(100, 0, 4));
     Protocol* p = ComCommunication();
     ASSERT_NE(p, nullptr);
@@ -291,6 +321,63 @@ TEST_F(ReplyProcessing, UnfixedLengthRead_FailedFirstReplyIsNotCountedAsRetry) {
     EXPECT_EQ(info.retryCount, 0);
     EXPECT_EQ(PLC_driver.tns, kTns);
     EXPECT_EQ(PLC_driver.commError, 0);
+}
+
+constexpr const char* kDefaultBuildLeavesLearningUncounted =
+    "the default build leaves a failed length-learning exchange uncounted";
+
+TEST_F(ReplyProcessing, UnfixedLengthRead_FailedFirstReplyIsAFailedExchange_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY(kDefaultBuildLeavesLearningUncounted);
+    QueueCyclic(WordRead(100, 0, 4));
+    info.cycleDone = 1;
+    for (int attempt = 1; attempt <= 3; ++attempt) {
+        Protocol* p = ComCommunication();
+        ASSERT_NE(p, nullptr);
+        EXPECT_EQ(p->replyLen, -1) << "every try learns its length";
+        EXPECT_EQ(RequestTns(*p), kTns + attempt - 1) << "every try has a TNS of its own";
+        const int result = DataCom(QByteArray(), 0)->result;
+        EXPECT_EQ(PLC_driver.tns, kTns + attempt);
+        EXPECT_EQ(PLC_driver.commError, 1);
+        EXPECT_EQ(info.cycleDone, 0);
+        EXPECT_TRUE(PLC_driver.protocolList.isEmpty());
+        if (attempt < 3) {
+            EXPECT_EQ(result, 0) << "attempt " << attempt;
+            EXPECT_EQ(info.retryCount, attempt);
+        } else {
+            // retryLimit 2: no reply to the cyclic list (varId 100): 40 + 1.
+            EXPECT_EQ(result, 41);
+            EXPECT_EQ(PLC_driver.current.varId, 100);
+            EXPECT_EQ(info.retryCount, 0);
+        }
+    }
+    EXPECT_EQ(PLC_driver.readList.size(), 1) << "the cyclic list is never purged";
+}
+
+TEST_F(ReplyProcessing, OneShotRead_FailedLengthLearningReportedWithCallbackStatusTwo_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY(kDefaultBuildLeavesLearningUncounted);
+    info.hostContext = 4242;
+    info.retryLimit = 1;
+    RegistCallBackFuncIntf(&RecordCallback, 0);
+    QueueOnce(OnceRead(4, 8, 30, 2));
+    QueueOnce(OnceRead(5, 9, 40, 1));
+    QueueWrite(WordWrite(6, 50, 0x0203));
+
+    // The write goes first and is answered; then the read fails twice.
+    Protocol* w = ComCommunication();
+    ASSERT_NE(w, nullptr);
+    ASSERT_EQ(AckWrite(w)->result, 1);
+    std::vector<int> results;
+    for (int attempt = 1; attempt <= 2; ++attempt) {
+        Protocol* p = ComCommunication();
+        ASSERT_NE(p, nullptr);
+        ASSERT_EQ(p->var.varId, 4);
+        ASSERT_EQ(p->replyLen, -1);
+        results.push_back(DataCom(QByteArray(), 0)->result);
+    }
+    EXPECT_EQ(results, (std::vector<int>{0, 45})) << "no reply for varId 4: 40 + 4 + 1";
+    EXPECT_EQ(g_calls, (std::vector<CallbackCall>{{4242, 4, 8, 2}}));
+    EXPECT_TRUE(PLC_driver.onceReadList.isEmpty()) << "the read consumed, the other purged";
+    EXPECT_EQ(PLC_driver.commError, 1);
 }
 
 TEST_F(ReplyProcessing, Failure_DropsEveryQueuedRequest) {
@@ -436,12 +523,35 @@ TEST_F(ReplyProcessing, DealDataOfLocalArea_NoReplyBeforeLengthCheck) {
 }
 
 TEST_F(ReplyProcessing, DealDataOfLocalArea_ZeroLengthExpected_CheckDecides) {
+    ABCL_DEFAULT_BUILD_ONLY("the hardened build takes no empty reply as an answer");
     // A request expecting no bytes at all: an empty reply is checked, and only a
     // second-or-later reply (replyDone 1) confirms it.
     PushRequest(WordWrite(3, 1, 0), 0);
     EXPECT_EQ(DealDataOfLocalArea(QByteArray(), 0), 14);
     info.replyDone = 1;
     EXPECT_EQ(DealDataOfLocalArea(QByteArray(), 0), 1);
+}
+
+TEST_F(ReplyProcessing, DealDataOfLocalArea_ZeroLengthExpected_EmptyReplyIsBad_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build confirms a later reply of no bytes");
+    PushRequest(WordWrite(3, 1, 0), 0);
+    EXPECT_EQ(DealDataOfLocalArea(QByteArray(), 0), 14);
+    info.replyDone = 1;
+    EXPECT_EQ(DealDataOfLocalArea(QByteArray(), 0), 14);
+}
+
+TEST_F(ReplyProcessing, RemoteModeReplyShorterThanItsData_TrailerNeverStored_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build reads data bytes up to the reply's last byte");
+    info.remoteMode = 1;
+    // Two words asked for, one carried: DLE ETX and the block check follow it.
+    const QByteArray reply = WordReadReply(kTns, {0x1234});
+    RW_VAR v = WordRead(0, 0, 2);
+    v.address = 100;
+    PushRequest(v, reply.size(), 26, 4);
+    PLC_driver.areaB[101] = 0xBEEF;
+    EXPECT_EQ(DealDataOfLocalArea(reply, reply.size()), 1);
+    EXPECT_EQ(PLC_driver.areaB[100], 0x1234);
+    EXPECT_EQ(PLC_driver.areaB[101], 0xBEEF);
 }
 
 TEST_F(ReplyProcessing, DealDataOfRemoteArea_GoodReplyNeverStored) {
@@ -536,6 +646,7 @@ TEST_F(ReplyProcessing, TwoExchangeRead_LearntLengthIsTheReplySize) {
 }
 
 TEST_F(ReplyProcessing, TwoExchangeRead_FirstReplyShorterThan27ChangesNothing) {
+    ABCL_DEFAULT_BUILD_ONLY(kHardenedBuildFailsLearning);
     QueueCyclic(WordRead(100, 0, 2));
     Protocol* p = ComCommunication();
     ASSERT_NE(p, nullptr);
@@ -551,6 +662,7 @@ TEST_F(ReplyProcessing, TwoExchangeRead_FirstReplyShorterThan27ChangesNothing) {
 }
 
 TEST_F(ReplyProcessing, TwoExchangeRead_FirstReplyWithBadBlockCheckChangesNothing) {
+    ABCL_DEFAULT_BUILD_ONLY(kHardenedBuildFailsLearning);
     QueueCyclic(WordRead(100, 0, 2));
     Protocol* p = ComCommunication();
     ASSERT_NE(p, nullptr);
@@ -559,6 +671,55 @@ TEST_F(ReplyProcessing, TwoExchangeRead_FirstReplyWithBadBlockCheckChangesNothin
     EXPECT_EQ(DataCom(reply, reply.size())->result, 0);
     EXPECT_EQ(p->replyLen, -1);
     EXPECT_EQ(info.retryCount, 0);
+}
+
+TEST_F(ReplyProcessing, TwoExchangeRead_UnusableFirstReplyIsRetriedThenReported_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY(kDefaultBuildLeavesLearningUncounted);
+    info.retryLimit = 3;
+    QueueCyclic(WordRead(100, 0, 2));
+    PLC_driver.areaB[1792] = 0xAAAA;
+
+    const auto shortReply = [](uint8_t tns) {
+        return Framed(ReplyBody(tns, 0x52, QByteArray()).left(19));
+    };
+    const auto badBlockCheck = [](uint8_t tns) {
+        QByteArray reply = WordReadReply(tns, {0x1234, 0x5678});
+        reply[reply.size() - 1] = static_cast<char>(reply[reply.size() - 1] ^ 0x40);
+        return reply;
+    };
+    const auto wrongTns = [](uint8_t tns) {
+        return WordReadReply(static_cast<uint8_t>(tns + 1), {0x1234, 0x5678});
+    };
+    const std::vector<std::function<QByteArray(uint8_t)>> unusable = {shortReply, badBlockCheck,
+                                                                      wrongTns};
+    std::vector<int> results;
+    for (const auto& make : unusable) {
+        Protocol* p = ComCommunication();
+        ASSERT_NE(p, nullptr);
+        ASSERT_EQ(p->replyLen, -1);
+        const QByteArray reply = make(RequestTns(*p));
+        results.push_back(DataCom(reply, reply.size())->result);
+        EXPECT_EQ(PLC_driver.commError, 1);
+        EXPECT_TRUE(PLC_driver.protocolList.isEmpty());
+    }
+    EXPECT_EQ(results, (std::vector<int>{0, 0, 0}));
+    EXPECT_EQ(info.retryCount, 3);
+    EXPECT_EQ(PLC_driver.tns, kTns + 3);
+    EXPECT_EQ(PLC_driver.areaB[1792], 0xAAAA);
+
+    // The fourth: reported as a bad reply of the cyclic list (10 + 1).
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    const QByteArray reply = wrongTns(RequestTns(*p));
+    EXPECT_EQ(DataCom(reply, reply.size())->result, 11);
+    EXPECT_EQ(info.retryCount, 0);
+
+    // A good pair recovers the link.
+    p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(AnswerRead(p, 0x0707)->result, 1);
+    EXPECT_EQ(PLC_driver.areaB[1792], 0x0707);
+    EXPECT_EQ(PLC_driver.commError, 0);
 }
 
 TEST_F(ReplyProcessing, TwoExchangeRead_SecondReplyOfOtherLengthIsRetried) {
@@ -574,6 +735,108 @@ TEST_F(ReplyProcessing, TwoExchangeRead_SecondReplyOfOtherLengthIsRetried) {
     Protocol* again = ComCommunication();
     ASSERT_NE(again, nullptr);
     EXPECT_EQ(again->replyLen, -1) << "the rebuilt request learns its length again";
+}
+
+// ---- replies matched to their request (hardened build) ------------------------------
+
+// One byte of a good two-word read reply's body (from DST, undoubled)
+// changed, or a reply with another number of words; none of them answers
+// the request.
+struct MatchRow {
+    const char* name;
+    int position;  // -1: the body as it is
+    uint8_t value;
+    int words;
+};
+
+// The reply to a read of two words of N7:0, made unanswering by `row`.
+QByteArray Unanswering(const MatchRow& row, uint8_t tns) {
+    QByteArray payload = Hex("C3 00");
+    for (int i = 0; i < row.words; ++i) payload.append(Hex("34 12"));
+    QByteArray body = ReplyBody(tns, 0x52, payload);
+    if (row.position >= 0) body[row.position] = static_cast<char>(row.value);
+    return Framed(body);
+}
+
+using ReplyMatching = RowTest<MatchRow, ReplyProcessing>;
+
+TEST_P(ReplyMatching, UnansweringReadReplyIsABadReplyAndStoresNothing_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build takes any well-framed reply of the right length");
+    const MatchRow& row = GetParam();
+    info.retryLimit = 0;
+    info.hostContext = 4242;
+    RegistCallBackFuncIntf(&RecordCallback, 0);
+    PLC_driver.areaB[1792] = 0xAAAA;
+    PLC_driver.areaB[1793] = 0xBBBB;
+
+    // As the reply a read learns its length from.
+    QueueOnce(OnceRead(3, 7, 0, 2));
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    const QByteArray first = Unanswering(row, RequestTns(*p));
+    EXPECT_EQ(DataCom(first, first.size())->result, 14) << ToHex(first);
+    std::vector<CallbackCall> expected = {{4242, 3, 7, 2}};
+
+    // As the reply carrying the data, when it is as long as the good one.
+    QueueOnce(OnceRead(3, 8, 0, 2));
+    p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    LearnLength(p, ReadReplyFor(p));
+    const QByteArray second = Unanswering(row, RequestTns(*p));
+    if (second.size() == p->replyLen) {
+        EXPECT_EQ(DataCom(second, second.size())->result, 14) << ToHex(second);
+        expected.push_back({4242, 3, 8, 2});
+    }
+    EXPECT_EQ(g_calls, expected);
+    EXPECT_EQ(PLC_driver.areaB[1792], 0xAAAA);
+    EXPECT_EQ(PLC_driver.areaB[1793], 0xBBBB);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, ReplyMatching,
+    ::testing::Values(
+        MatchRow{"DestinationIsNotTheRequestsSource", 0, 0x01, 2},
+        MatchRow{"SourceIsNotTheRequestsDestination", 1, 0x01, 2},
+        MatchRow{"CommandWithoutReplyFlag", 2, 0x0B, 2}, MatchRow{"Df1StatusNotZero", 3, 0xF0, 2},
+        MatchRow{"OtherTns", 4, 0x55, 2}, MatchRow{"TnsHighByteNotZero", 5, 0x01, 2},
+        MatchRow{"PacketServiceNotAReply", 8, 0x0A, 2},
+        MatchRow{"PacketGeneralStatus", 10, 0x1E, 2}, MatchRow{"PacketExtendedStatus", 11, 0x01, 2},
+        MatchRow{"TwoEmbeddedReplies", 12, 0x02, 2},
+        MatchRow{"EmbeddedReplyOffsetSix", 14, 0x06, 2},
+        MatchRow{"EmbeddedReplyOfAWrite", 16, 0xD3, 2},
+        MatchRow{"EmbeddedGeneralStatusPathSegmentError", 18, 0x04, 2},
+        MatchRow{"EmbeddedGeneralStatusWithExtendedStatus", 18, 0xFF, 2},
+        MatchRow{"EmbeddedExtendedStatus", 19, 0x01, 2}, MatchRow{"DataTypeReal", 20, 0xCA, 2},
+        MatchRow{"DataTypeHighByte", 21, 0x01, 2}, MatchRow{"OneWordShort", -1, 0x00, 1},
+        MatchRow{"OneWordOver", -1, 0x00, 3}, MatchRow{"NoData", -1, 0x00, 0}),
+    RowName());
+
+TEST_F(ReplyProcessing, UnansweringWriteReplyIsABadReply_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build takes any well-framed reply of the right length");
+    info.retryLimit = 0;
+    const std::vector<std::function<QByteArray(uint8_t)>> unanswering = {
+        [](uint8_t tns) { return WriteReply(static_cast<uint8_t>(tns + 1)); },
+        [](uint8_t tns) { return WriteReply(tns, 0x52); },
+        [](uint8_t tns) { return Framed(ReplyBody(tns, 0x53, QByteArray(), 0x04)); },
+    };
+    int varId = 1;
+    for (const auto& make : unanswering) {
+        QueueWrite(WordWrite(varId, 60 + varId, 0x0203));
+        Protocol* p = ComCommunication();
+        ASSERT_NE(p, nullptr);
+        const QByteArray reply = make(RequestTns(*p));
+        ASSERT_EQ(reply.size(), p->replyLen) << ToHex(reply);
+        RW_VAR* r = DataCom(reply, reply.size());
+        EXPECT_EQ(r->result, 10 + varId + 1) << ToHex(reply);
+        EXPECT_EQ(r->varId, varId);
+        EXPECT_EQ(PLC_driver.commError, 1);
+        ++varId;
+    }
+    QueueWrite(WordWrite(9, 70, 0x0203));
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(AckWrite(p)->result, 1) << "the answering reply is good";
+    EXPECT_EQ(PLC_driver.commError, 0);
 }
 
 // ---- handing the record back ---------------------------------------------------------

@@ -200,6 +200,7 @@ TEST_F(Scheduler, FailedWrite_RetriesAreCountedAsStartedRequests) {
 }
 
 TEST_F(Scheduler, WriteOfUnsupportedType_ReturnsNullButModeAndBurstChangeAndEntryStays) {
+    ABCL_DEFAULT_BUILD_ONLY("the hardened build drops an entry that builds no frame, as failed");
     RW_VAR bad = WordWrite(9, 1, 0x0405);
     bad.dataType = 7;
     QueueWrite(bad);
@@ -220,6 +221,7 @@ TEST_F(Scheduler, WriteOfUnsupportedType_ReturnsNullButModeAndBurstChangeAndEntr
 }
 
 TEST_F(Scheduler, OnceReadOfUnsupportedType_ReturnsNullWithModeTwo) {
+    ABCL_DEFAULT_BUILD_ONLY("the hardened build drops an entry that builds no frame, as failed");
     RW_VAR bad = WordRead(9, 1, 1);
     bad.dataType = -1;
     QueueOnce(bad);
@@ -231,6 +233,7 @@ TEST_F(Scheduler, OnceReadOfUnsupportedType_ReturnsNullWithModeTwo) {
 }
 
 TEST_F(Scheduler, UnsupportedTypeAtHead_BurstLimitLetsCyclicReadsRun) {
+    ABCL_DEFAULT_BUILD_ONLY("the hardened build drops an entry that builds no frame, as failed");
     RW_VAR bad = WordWrite(9, 1, 0x0405);
     bad.dataType = 7;
     QueueWrite(bad);
@@ -244,6 +247,124 @@ TEST_F(Scheduler, UnsupportedTypeAtHead_BurstLimitLetsCyclicReadsRun) {
     EXPECT_EQ(AnswerRead(p)->result, 1);
     EXPECT_EQ(ComCommunication(), nullptr) << "the write burst starts again on the bad entry";
     EXPECT_EQ(PLC_driver.writeBurst, 1);
+}
+
+// ---- entries that build no frame (hardened build) ----------------------------------
+
+struct CallbackCall {
+    int context, varId, varSubId, status;
+    bool operator==(const CallbackCall& o) const {
+        return context == o.context && varId == o.varId && varSubId == o.varSubId &&
+               status == o.status;
+    }
+};
+std::vector<CallbackCall> g_calls;
+int RecordCallback(int context, int varId, int varSubId, int status) {
+    g_calls.push_back({context, varId, varSubId, status});
+    return 0;
+}
+
+constexpr const char* kDefaultKeepsUnbuildableEntries =
+    "the default build leaves an entry that builds no frame at the head of its queue";
+
+TEST_F(Scheduler, UnbuildableWrite_DroppedAsFailedAndTheNextWriteGoesOut_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY(kDefaultKeepsUnbuildableEntries);
+    RW_VAR bad = WordWrite(9, 1, 0x0405);
+    bad.dataType = 7;
+    bad.varSubId = 3;
+    QueueWrite(bad);
+    QueueWrite(WordWrite(2, 5, 0x0607));
+    info.retryCount = 1;
+
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr) << "the write behind it goes out in the same call";
+    EXPECT_EQ(p->var.varId, 2);
+    EXPECT_EQ(PLC_driver.mode, 1);
+    // Reported as a bad reply of varId 9 (10 + 9 + 1); no exchange took place.
+    EXPECT_EQ(PLC_driver.current.result, 20);
+    EXPECT_EQ(PLC_driver.current.varId, 9);
+    EXPECT_EQ(PLC_driver.current.varSubId, 3);
+    EXPECT_EQ(PLC_driver.current.dataType, 7);
+    EXPECT_TRUE(PLC_driver.current.data.isEmpty());
+    ASSERT_EQ(PLC_driver.writeList.size(), 1);
+    EXPECT_EQ(PLC_driver.writeList.first().varId, 2);
+    EXPECT_EQ(info.retryCount, 1);
+    EXPECT_EQ(PLC_driver.commError, 0);
+    EXPECT_EQ(AckWrite(p)->result, 1);
+    EXPECT_EQ(PLC_driver.current.varId, 2);
+}
+
+TEST_F(Scheduler, WriteWithCountBelowOne_DroppedAsFailed_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY(kDefaultKeepsUnbuildableEntries);
+    RW_VAR none = WordWrite(4, 1, 0x0405);
+    none.count = 0;
+    RW_VAR real = WordWrite(12, 2, 0);
+    real.dataType = ABCL_REAL;
+    real.count = -2;
+    QueueWrite(none);
+    QueueWrite(real);
+    QueueCyclic(WordRead(100, 0, 2));
+
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p->var.varId, 100) << "both writes dropped, the cyclic read goes out";
+    EXPECT_EQ(PLC_driver.mode, 0);
+    EXPECT_TRUE(PLC_driver.writeList.isEmpty());
+    // The last one dropped: varId 12 is none of 1..11, so 10 + 1.
+    EXPECT_EQ(PLC_driver.current.varId, 12);
+    EXPECT_EQ(PLC_driver.current.result, 11);
+}
+
+TEST_F(Scheduler, UnbuildableRemoteWrite_ReportedInTheRemoteFamily_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY(kDefaultKeepsUnbuildableEntries);
+    RW_VAR bad = WordWrite(5, 1, 0x0405, 1, 5);  // link 5: not the local link
+    bad.dataType = 7;
+    QueueWrite(bad);
+    EXPECT_EQ(ComCommunication(), nullptr);
+    EXPECT_EQ(PLC_driver.current.varId, 5);
+    EXPECT_EQ(PLC_driver.current.result, 116);  // 110 + 5 + 1
+    EXPECT_TRUE(PLC_driver.writeList.isEmpty());
+}
+
+TEST_F(Scheduler, UnbuildableOnceRead_DroppedWithCallbackStatusTwo_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY(kDefaultKeepsUnbuildableEntries);
+    g_calls.clear();
+    info.hostContext = 4242;
+    RegistCallBackFuncIntf(&RecordCallback, 0);
+    RW_VAR bad = WordRead(3, 1, 1);
+    bad.varSubId = 8;
+    bad.dataType = -1;
+    QueueOnce(bad);
+    RW_VAR good = WordRead(21, 5, 1);
+    good.varSubId = 9;
+    QueueOnce(good);
+
+    Protocol* p = ComCommunication();
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p->var.varId, 21);
+    EXPECT_EQ(PLC_driver.mode, 2);
+    EXPECT_EQ(g_calls, (std::vector<CallbackCall>{{4242, 3, 8, 2}}));
+    EXPECT_EQ(PLC_driver.current.varId, 3);
+    EXPECT_EQ(PLC_driver.current.result, 14);  // 10 + 3 + 1
+    ASSERT_EQ(PLC_driver.onceReadList.size(), 1);
+
+    EXPECT_EQ(AnswerRead(p)->result, 1);
+    EXPECT_EQ(g_calls, (std::vector<CallbackCall>{{4242, 3, 8, 2}, {4242, 21, 9, 1}}));
+}
+
+TEST_F(Scheduler, OnceReadOfTooManyElements_DroppedAndTheSchedulerGoesIdle_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY(kDefaultKeepsUnbuildableEntries);
+    g_calls.clear();
+    RegistCallBackFuncIntf(&RecordCallback, 0);
+    RW_VAR huge = WordRead(6, 0, kAreaElements + 1);
+    QueueOnce(huge);
+    info.cycleDone = 0;
+
+    EXPECT_EQ(ComCommunication(), nullptr);
+    EXPECT_TRUE(PLC_driver.onceReadList.isEmpty());
+    EXPECT_EQ(PLC_driver.current.result, 17);  // 10 + 6 + 1
+    EXPECT_EQ(g_calls, (std::vector<CallbackCall>{{0, 6, -1, 2}}));
+    EXPECT_EQ(info.cycleDone, 1) << "nothing left: the scheduler went idle";
 }
 
 TEST_F(Scheduler, ModeNamesTheQueueOfTheRequestOnTheWire) {

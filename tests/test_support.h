@@ -5,6 +5,7 @@
 
 #include "ab_controllogix_compactlogix.h"
 #include "ab_controllogix_compactlogix_p.h"
+#include "build_kind.h"
 #include "hex_text.h"
 #include "fresh_driver.h"
 

@@ -66,6 +66,8 @@ using WriteFrameRows = RowTest<FrameRow>;
 
 TEST_P(WriteFrameRows, BuildsFrameByteForByte) {
     const FrameRow& row = GetParam();
+    if (row.build != WriteBool && row.count < 1)
+        ABCL_DEFAULT_BUILD_ONLY("the hardened build writes no words or REALs for a count below 1");
     const QByteArray expected = Hex(row.frame);
     // The row's own block check must agree with the rule, so a typing slip in a
     // row cannot pass unnoticed.
@@ -77,7 +79,7 @@ TEST_P(WriteFrameRows, BuildsFrameByteForByte) {
     info.replyTotal = 9;
     row.build(&var);
 
-    ExpectOneWrite(expected);
+    ASSERT_NO_FATAL_FAILURE(ExpectOneWrite(expected));
     ExpectSameRecord(var, PLC_driver.protocolList.first().var);
     EXPECT_EQ(0, info.replyDone);
     EXPECT_EQ(1, info.replyTotal);
@@ -371,6 +373,35 @@ TEST_F(WordWrites, CountsBelowMinus4_BuildNoFrame) {
     }
 }
 
+TEST_F(WordWrites, CountBelowOne_BuildsNoFrame_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build moves the trailer back for counts down to -4");
+    for (const int count : {0, -1, -2, -3, -4}) {
+        RW_VAR var = Record(3, 1792, count, Hex("34 12"));
+        WriteAnalog(&var);
+        EXPECT_EQ(0, PLC_driver.protocolList.size()) << "count " << count;
+        WriteRegister(&var);
+        EXPECT_EQ(0, PLC_driver.protocolList.size()) << "count " << count;
+    }
+    RW_VAR one = Record(3, 1792, 1, Hex("34 12"));
+    WriteAnalog(&one);
+    EXPECT_EQ(1, PLC_driver.protocolList.size());
+}
+
+// From DST up to the byte before DLE ETX a write frame holds 38 bytes, then
+// its values; the block check counts at most 65,535 of them.
+TEST_F(WordWrites, BodyLongerThanTheBlockCheckCounts_BuildsNoFrame_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build sends a block check of the first 65,535 bytes");
+    RW_VAR longest = Record(3, 1792, 32748, QByteArray(2 * 32748, '\x22'));
+    WriteAnalog(&longest);
+    ASSERT_EQ(1, PLC_driver.protocolList.size());
+    EXPECT_EQ(4 + 65534 + 3, PLC_driver.protocolList.first().frame.size());
+    PLC_driver.protocolList.clear();
+
+    RW_VAR longer = Record(3, 1792, 32749, QByteArray(2 * 32749, '\x22'));
+    WriteAnalog(&longer);
+    EXPECT_EQ(0, PLC_driver.protocolList.size());
+}
+
 TEST_F(WordWrites, CountAboveWriteLimit_BuildsNoFrame) {
     RW_VAR var = Record(3, 1792, kMaxWriteCount + 1, Hex("34 12"));
     WriteAnalog(&var);
@@ -388,6 +419,34 @@ TEST_F(RealWrites, CountAboveWriteLimit_BuildsNoFrame) {
     EXPECT_EQ(0, PLC_driver.protocolList.size());
     var.count = INT_MAX;
     WriteAnalog_F(&var);
+    EXPECT_EQ(0, PLC_driver.protocolList.size());
+}
+
+TEST_F(RealWrites, CountBelowOne_BuildsNoFrame_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build writes one value for a count below 1");
+    for (const int count : {0, -1, -3, INT_MIN}) {
+        RW_VAR var = Record(4, 2052, count, Hex("00 00 C0 3F"));
+        WriteAnalog_F(&var);
+        EXPECT_EQ(0, PLC_driver.protocolList.size()) << "count " << count;
+        WriteRegister(&var);
+        EXPECT_EQ(0, PLC_driver.protocolList.size()) << "count " << count;
+    }
+    RW_VAR one = Record(4, 2052, 1, Hex("00 00 C0 3F"));
+    WriteAnalog_F(&one);
+    EXPECT_EQ(1, PLC_driver.protocolList.size());
+}
+
+TEST_F(RealWrites, BodyLongerThanTheBlockCheckCounts_BuildsNoFrame_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build sends a block check of the first 65,535 bytes");
+    // 16,374 values: 38 + 65,496 bytes; one more value is past 65,535.
+    RW_VAR longest = Record(4, 2048, 2 * 16374, QByteArray(4 * 16374, '\x22'));
+    WriteAnalog_F(&longest);
+    ASSERT_EQ(1, PLC_driver.protocolList.size());
+    EXPECT_EQ(4 + 38 + 4 * 16374 + 3, PLC_driver.protocolList.first().frame.size());
+    PLC_driver.protocolList.clear();
+
+    RW_VAR longer = Record(4, 2048, 2 * 16375, QByteArray(4 * 16375, '\x22'));
+    WriteAnalog_F(&longer);
     EXPECT_EQ(0, PLC_driver.protocolList.size());
 }
 

@@ -10,6 +10,7 @@
 #define ABCL_E2E_HOST_H
 
 #include "ab_controllogix_compactlogix.h"
+#include "../build_kind.h"
 #include "../hex_text.h"
 
 #include "peer/controller.h"

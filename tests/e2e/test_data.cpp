@@ -198,7 +198,13 @@ TEST_F(OnceReads, CallBackWithStatusOneAndStoreTheValues) {
     EXPECT_FALSE(Turn().sent);
 }
 
+constexpr const char* kHardenedBuildRejectsCipErrors =
+    "the hardened build takes a reply with a CIP error status as a bad reply";
+constexpr const char* kDefaultBuildTakesCipErrors =
+    "the default build takes a CIP error reply of the right length as good";
+
 TEST_F(CipErrors, ReadOfAnUnknownTagReportsGoodAndStoresNothing) {
+    ABCL_DEFAULT_BUILD_ONLY(kHardenedBuildRejectsCipErrors);
     ASSERT_FALSE(memory.elementCount('N', 50).has_value());
     // A marker in the image, put there without a controller write.
     info.writeMode = 1;
@@ -216,7 +222,31 @@ TEST_F(CipErrors, ReadOfAnUnknownTagReportsGoodAndStoresNothing) {
     EXPECT_EQ(ImageWords(ABCL_WORD_B, "50:0", 2), (std::vector<uint16_t>{0x1234, 0x5678}));
 }
 
+TEST_F(CipErrors, ReadOfAnUnknownTagIsABadReplyAndStoresNothing_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY(kDefaultBuildTakesCipErrors);
+    ASSERT_FALSE(memory.elementCount('N', 50).has_value());
+    info.writeMode = 1;
+    EXPECT_EQ(WriteWords(ABCL_WORD_B, "50:0", {0x1234, 0x5678}, 3), 1);
+    info.writeMode = 2;
+    info.retryLimit = 1;
+
+    ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "50:0", 2}}), 1);
+    const auto steps = RunUntilReported(4);
+    ASSERT_EQ(steps.size(), 2u);
+    for (const Step& s : steps) {
+        // The error reply (general status 0x04) is no reply to learn from.
+        EXPECT_TRUE(s.learning);
+        EXPECT_EQ(s.received.size(), 27) << ToHex(s.received);
+        EXPECT_EQ(ByteAt(s.received, 22), 0x04) << ToHex(s.received);
+    }
+    EXPECT_EQ(steps[0].result, 0);
+    EXPECT_EQ(steps[1].result, 11);  // bad reply, the cyclic list (varId 0)
+    EXPECT_EQ(info.cycleDone, 0);
+    EXPECT_EQ(ImageWords(ABCL_WORD_B, "50:0", 2), (std::vector<uint16_t>{0x1234, 0x5678}));
+}
+
 TEST_F(CipErrors, WriteToAnUnknownTagIsReportedGoodAndLost) {
+    ABCL_DEFAULT_BUILD_ONLY(kHardenedBuildRejectsCipErrors);
     EXPECT_GT(WriteWords(ABCL_WORD_B, "50:1", {77}, 4), 0);
     const Step w = Turn();
     ASSERT_TRUE(w.isWrite());
@@ -226,6 +256,19 @@ TEST_F(CipErrors, WriteToAnUnknownTagIsReportedGoodAndLost) {
     EXPECT_EQ(ByteAt(w.received, 22), 0x04) << ToHex(w.received);
     // The image shows the value, the controller has nowhere to keep it.
     EXPECT_EQ(ImageWords(ABCL_WORD_B, "50:1", 1), std::vector<uint16_t>{77});
+    EXPECT_FALSE(memory.elementCount('N', 50).has_value());
+}
+
+TEST_F(CipErrors, WriteToAnUnknownTagIsReportedAsABadReply_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY(kDefaultBuildTakesCipErrors);
+    info.retryLimit = 0;
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "50:1", {77}, 4), 0);
+    const Step w = Turn();
+    ASSERT_TRUE(w.isWrite());
+    EXPECT_EQ(w.received.size(), 27) << ToHex(w.received);
+    EXPECT_EQ(ByteAt(w.received, 22), 0x04) << ToHex(w.received);
+    EXPECT_EQ(w.result, 15);  // bad reply, varId 4
+    EXPECT_EQ(w.varId, 4);
     EXPECT_FALSE(memory.elementCount('N', 50).has_value());
 }
 
@@ -243,6 +286,8 @@ TEST_F(CipErrors, WritePastTheFileEndFailsOnLength) {
 }
 
 TEST_F(CipErrors, ReadPastTheFileEndStoresTheTrailerInTheFirstElement) {
+    ABCL_DEFAULT_BUILD_ONLY(
+        "the hardened build stores values from a matched reply's data field only");
     info.writeMode = 1;
     const std::vector<uint16_t> markers = {0xA0A0, 0xA1A1, 0xA2A2, 0xA3A3, 0xA4A4,
                                            0xA5A5, 0xA6A6, 0xA7A7, 0xA8A8, 0xA9A9};
@@ -260,6 +305,28 @@ TEST_F(CipErrors, ReadPastTheFileEndStoresTheTrailerInTheFirstElement) {
     std::vector<uint16_t> expected = markers;
     expected[0] = static_cast<uint16_t>(0x10 | (ByteAt(reply, 28) << 8));
     EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:250", 10), expected);
+}
+
+TEST_F(CipErrors, ReadPastTheFileEndIsABadReplyAndTheImageKeepsItsValues_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build stores the error reply's trailer as data");
+    info.writeMode = 1;
+    const std::vector<uint16_t> markers = {0xA0A0, 0xA1A1, 0xA2A2, 0xA3A3, 0xA4A4,
+                                           0xA5A5, 0xA6A6, 0xA7A7, 0xA8A8, 0xA9A9};
+    EXPECT_EQ(WriteWords(ABCL_WORD_B, "7:250", markers, 3), 1);
+    info.writeMode = 2;
+    info.retryLimit = 1;
+
+    ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:250", 10}}), 1);
+    const auto steps = RunUntilReported(4);
+    ASSERT_EQ(steps.size(), 2u);
+    for (const Step& s : steps) {
+        // General status 0xFF with an extended status, and no data.
+        EXPECT_EQ(s.received.size(), 29) << ToHex(s.received);
+        EXPECT_EQ(ByteAt(s.received, 22), 0xFF) << ToHex(s.received);
+    }
+    EXPECT_EQ(steps[0].result, 0);
+    EXPECT_EQ(steps[1].result, 11);  // bad reply, the cyclic list (varId 0)
+    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:250", 10), markers);
 }
 
 }  // namespace

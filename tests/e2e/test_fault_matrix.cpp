@@ -117,6 +117,8 @@ std::vector<Fault> Faults() {
 struct LoggedExchange {
     int number = 0;
     bool write = false;
+    bool learning = false;
+    std::string tag;      // the variable the request served
     std::string outcome;  // reply, timeout, refused, line down
     int result = -1;
     std::map<std::string, std::string> values;  // tag -> values shown after it
@@ -124,7 +126,7 @@ struct LoggedExchange {
 
 std::vector<LoggedExchange> ParseLog(const std::string& output) {
     static const std::regex line(
-        R"(exchange (\d+): (read|write) [^,\n]*, ([a-z ]+), result (-?\d+)[^|\n]*([^\n]*))");
+        R"(exchange (\d+): (read|write) ([^,\n]*), ([a-z ]+), result (-?\d+)[^|\n]*([^\n]*))");
     static const std::regex value(R"(\|\s*([^=|]+?)\s*=\s*([^|]*))");
     std::vector<LoggedExchange> log;
     for (auto it = std::sregex_iterator(output.begin(), output.end(), line);
@@ -132,9 +134,17 @@ std::vector<LoggedExchange> ParseLog(const std::string& output) {
         LoggedExchange e;
         e.number = std::stoi((*it)[1]);
         e.write = (*it)[2] == "write";
-        e.outcome = (*it)[3];
-        e.result = std::stoi((*it)[4]);
-        const std::string tail = (*it)[5];
+        std::string request = (*it)[3];
+        static const std::string kLearning = " learning";
+        if (request.size() > kLearning.size() &&
+            request.compare(request.size() - kLearning.size(), kLearning.size(), kLearning) == 0) {
+            e.learning = true;
+            request.resize(request.size() - kLearning.size());
+        }
+        e.tag = request;
+        e.outcome = (*it)[4];
+        e.result = std::stoi((*it)[5]);
+        const std::string tail = (*it)[6];
         for (auto v = std::sregex_iterator(tail.begin(), tail.end(), value);
              v != std::sregex_iterator(); ++v)
             e.values[(*v)[1]] = std::regex_replace(std::string((*v)[2]), std::regex(" +$"), "");
@@ -236,6 +246,9 @@ struct Measured {
     int writesLost = 0;
     int wrongValueExchanges = 0;
     int lineDownPeriods = 0;
+    // Exchanges from the first that got no reply to the first failure
+    // reported, both counted; 0 when there was no such exchange or no report.
+    int silenceReportedAfter = 0;
     bool memoryRead = true;  // the controller's memory was read at the end
     std::string plcsimCounters;
 };
@@ -262,8 +275,20 @@ int WritesLost(const std::string& output, const std::map<std::string, std::strin
     return lost;
 }
 
+// Whether a read's result tells the host its tag is good (1), failed (a
+// failure code), or leaves that as it was (0: being retried, or learning).
+void NoteReadResult(const LoggedExchange& e, std::map<std::string, bool>* shownGood) {
+    if (e.write || e.result == 0) return;
+    if (e.result == 1) {
+        if (!e.learning) (*shownGood)[e.tag] = true;
+    } else {
+        (*shownGood)[e.tag] = false;
+    }
+}
+
 // Episodes: runs of exchanges that were not clean (a reply, result 1, and
-// once the writes are done the values the controller holds).
+// once the writes are done the values the controller holds). A tag whose
+// last read was reported failed is shown as failed, not as a value.
 void MeasureEpisodes(const std::vector<LoggedExchange>& log,
                      const std::map<std::string, std::string>& held, Measured* m) {
     int lastWrite = 0;
@@ -271,10 +296,16 @@ void MeasureEpisodes(const std::vector<LoggedExchange>& log,
         if (e.write) lastWrite = e.number;
     int run = 0;
     int total = 0;
+    std::map<std::string, bool> shownGood;
     for (const auto& e : log) {
+        NoteReadResult(e, &shownGood);
         bool valuesRight = true;
-        for (const auto& [tag, shown] : e.values)
-            if (held.count(tag) && held.at(tag) != shown) valuesRight = false;
+        for (const auto& [tag, shown] : e.values) {
+            // Before its first good read a tag shows nothing of the controller.
+            const auto good = shownGood.find(tag);
+            const bool shownAsGood = good != shownGood.end() && good->second;
+            if (shownAsGood && held.count(tag) && held.at(tag) != shown) valuesRight = false;
+        }
         if (e.number > lastWrite && !valuesRight) ++m->wrongValueExchanges;
         const bool clean =
             e.outcome == "reply" && e.result == 1 && (e.number <= lastWrite || valuesRight);
@@ -297,8 +328,19 @@ void MeasureEpisodes(const std::vector<LoggedExchange>& log,
     m->meanRecovery = m->episodes ? static_cast<double>(total) / m->episodes : 0;
 }
 
-std::vector<std::string> HostsimArgs(const Fault& fault, const Rate& rate,
-                                     const std::string& link) {
+void MeasureSilenceReport(const std::vector<LoggedExchange>& log, Measured* m) {
+    int firstSilent = 0;
+    for (const auto& e : log) {
+        if (firstSilent == 0 && e.outcome == "timeout") firstSilent = e.number;
+        if (firstSilent != 0 && e.result > 1) {
+            m->silenceReportedAfter = e.number - firstSilent + 1;
+            return;
+        }
+    }
+}
+
+std::vector<std::string> HostsimArgs(const Fault& fault, const Rate& rate, const std::string& link,
+                                     const std::string& plugin) {
     std::vector<std::string> args = {"--port",       link,
                                      "--baud",       std::to_string(rate.baud),
                                      "--timeout-ms", std::to_string(rate.timeoutMs),
@@ -311,10 +353,12 @@ std::vector<std::string> HostsimArgs(const Fault& fault, const Rate& rate,
     std::vector<std::string> writes = kWrites;
     writes.insert(writes.end(), fault.hostsimWrites.begin(), fault.hostsimWrites.end());
     for (const auto& w : writes) args.insert(args.end(), {"--write", w});
+    if (!plugin.empty()) args.insert(args.end(), {"--plugin", plugin});
     return args;
 }
 
-Measured RunOne(const Fault& fault, const Rate& rate, const std::string& link) {
+Measured RunOne(const Fault& fault, const Rate& rate, const std::string& link,
+                const std::string& plugin) {
     std::vector<std::string> plcsimArgs = {
         "--print-path", "--link", link,       "--baud", std::to_string(rate.baud),
         "--turnaround", "1",      "--no-live"};
@@ -323,7 +367,7 @@ Measured RunOne(const Fault& fault, const Rate& rate, const std::string& link) {
     SpawnedProgram plcsim(TOOLS_LAUNCHER, PLCSIM_PATH, plcsimArgs);
     Measured m;
     if (plcsim.firstLine().empty()) return m;
-    SpawnedProgram hostsim(TOOLS_LAUNCHER, HOSTSIM_PATH, HostsimArgs(fault, rate, link));
+    SpawnedProgram hostsim(TOOLS_LAUNCHER, HOSTSIM_PATH, HostsimArgs(fault, rate, link, plugin));
     m.hostsimExit = hostsim.wait();
     const std::string output = hostsim.out();
     const auto held = ControllerMemory(link, rate);
@@ -339,6 +383,7 @@ Measured RunOne(const Fault& fault, const Rate& rate, const std::string& link) {
     m.lineDownPeriods = NumberAfter(output, "=== .*\\| line-down periods");
     m.writesLost = WritesLost(output, held);
     MeasureEpisodes(log, held, &m);
+    MeasureSilenceReport(log, &m);
     return m;
 }
 
@@ -351,6 +396,10 @@ std::string Switches(const Fault& fault) {
     return text.empty() ? "-" : "`" + text + "`";
 }
 
+bool IsSilence(const Fault& fault) {
+    return std::string(fault.name) == "silence";
+}
+
 std::string Row(const Fault& fault, const Rate& rate, const Measured& m) {
     char recovery[64];
     std::snprintf(recovery, sizeof recovery, "%.1f / %d%s", m.meanRecovery, m.maxRecovery,
@@ -358,7 +407,10 @@ std::string Row(const Fault& fault, const Rate& rate, const Measured& m) {
     std::ostringstream row;
     row << "| " << fault.name << " | " << Switches(fault) << " | " << rate.baud << " | "
         << m.exchanges << " | " << m.episodes << " | " << (m.episodes ? recovery : "-") << " | "
-        << m.failures << " | " << m.writesLost << " | " << m.wrongValueExchanges << " |";
+        << m.failures << " | " << m.writesLost << " | " << m.wrongValueExchanges << " | "
+        << (IsSilence(fault) && m.silenceReportedAfter ? std::to_string(m.silenceReportedAfter)
+                                                       : "-")
+        << " |";
     return row.str();
 }
 
@@ -373,19 +425,22 @@ protected:
     std::string dir_;
 };
 
-}  // namespace
-
-TEST_F(FaultMatrix, EveryFaultAtBothRates) {
+// Every fault at both rates with the plug-in given (the build's default one
+// when empty): the measurements by fault name, and the table.
+std::map<std::string, std::vector<Measured>> RunMatrix(const std::string& dir,
+                                                       const std::string& plugin,
+                                                       const char* tableVariable) {
     std::string table =
         "| fault | switches (19,200 baud) | baud | exchanges | episodes | exchanges until good "
         "data (mean / max) | failures reported | writes lost beyond the purge | exchanges "
-        "showing values the controller does not hold |\n"
-        "|---|---|---|---|---|---|---|---|---|\n";
+        "showing as good values the controller does not hold | exchanges until silence "
+        "reported |\n"
+        "|---|---|---|---|---|---|---|---|---|---|\n";
     std::map<std::string, std::vector<Measured>> results;
     for (const Fault& fault : Faults()) {
         for (const Rate& rate : kRates) {
-            const std::string link = dir_ + "/plc";
-            const Measured m = RunOne(fault, rate, link);
+            const std::string link = dir + "/plc";
+            const Measured m = RunOne(fault, rate, link, plugin);
             unlink(link.c_str());
             SCOPED_TRACE(std::string(fault.name) + " at " + std::to_string(rate.baud));
             // hostsim never gives up, whatever the line does.
@@ -397,7 +452,14 @@ TEST_F(FaultMatrix, EveryFaultAtBothRates) {
         }
     }
     std::cout << "\n" << table << std::flush;
-    if (const char* path = std::getenv("ABCL_FAULT_MATRIX_TABLE")) std::ofstream(path) << table;
+    if (const char* path = std::getenv(tableVariable)) std::ofstream(path) << table;
+    return results;
+}
+
+}  // namespace
+
+TEST_F(FaultMatrix, EveryFaultAtBothRates) {
+    auto results = RunMatrix(dir_, "", "ABCL_FAULT_MATRIX_TABLE");
 
     for (const Measured& m : results["none"]) {
         EXPECT_EQ(m.failures, 0);
@@ -420,3 +482,28 @@ TEST_F(FaultMatrix, EveryFaultAtBothRates) {
     // hostsim rides out the far end's restarts.
     for (const Measured& m : results["restart"]) EXPECT_GE(m.lineDownPeriods, 1);
 }
+
+#ifdef HOSTSIM_HARDENED_PLUGIN
+// The same matrix with the hardened plug-in: whatever the line does, no tag
+// shows as good a value the controller does not hold, no write is reported
+// good and lost, and a silent controller is reported within retryLimit + 1
+// exchanges.
+TEST_F(FaultMatrix, HardenedPluginUnderEveryFault) {
+    constexpr int kRetryLimit = 3;  // hostsim's default
+    auto results = RunMatrix(dir_, HOSTSIM_HARDENED_PLUGIN, "ABCL_FAULT_MATRIX_HARDENED_TABLE");
+    for (const auto& [fault, runs] : results) {
+        for (const Measured& m : runs) {
+            SCOPED_TRACE(fault);
+            EXPECT_EQ(m.writesLost, 0);
+            EXPECT_EQ(m.wrongValueExchanges, 0);
+        }
+    }
+    for (const Measured& m : results["none"]) EXPECT_EQ(m.failures, 0);
+    for (const Measured& m : results["silence"]) {
+        EXPECT_GT(m.silenceReportedAfter, 0);
+        EXPECT_LE(m.silenceReportedAfter, kRetryLimit + 1);
+    }
+    // The controller's error replies are failures, not good data.
+    for (const Measured& m : results["CIP error status"]) EXPECT_GT(m.failures, 0);
+}
+#endif

@@ -71,7 +71,13 @@ TEST_F(DroppedReplies, WriteIsRetriedThenReportedAsNoReplyAndTheQueuesPurged) {
     EXPECT_EQ(info.cycleDone, 1);
 }
 
+constexpr const char* kHardenedBuildFailsLearning =
+    "the hardened build fails a length-learning exchange without a usable reply like any other";
+constexpr const char* kDefaultBuildLeavesLearningUncounted =
+    "the default build leaves a failed length-learning exchange uncounted";
+
 TEST_F(DroppedReplies, ReadLearningItsLengthYieldsZeroAndCountsNoRetry) {
+    ABCL_DEFAULT_BUILD_ONLY(kHardenedBuildFailsLearning);
     info.retryLimit = 0;
     SimWords('N', 7, 0, {0x1010, 3});
     ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 2}}), 1);
@@ -109,6 +115,36 @@ TEST_F(DroppedReplies, ReadLearningItsLengthYieldsZeroAndCountsNoRetry) {
     EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:0", 2), (std::vector<uint16_t>{0x0010, 0x1000}));
 }
 
+TEST_F(DroppedReplies, ReadLearningItsLength_IsRetriedThenReportedAsNoReply_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY(kDefaultBuildLeavesLearningUncounted);
+    info.retryLimit = 1;
+    SimWords('N', 7, 0, {0x1010, 3});
+    ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 2}}), 1);
+    RunUntilCycleDone();
+
+    const auto dropLearning = [this](const Step& s) {
+        if (s.learning) DropNext(1);
+    };
+    const Step retried = Turn(dropLearning);
+    EXPECT_TRUE(retried.learning);
+    EXPECT_EQ(retried.outcome, LineOutcome::kTimeout);
+    EXPECT_EQ(retried.result, 0);
+    EXPECT_EQ(info.retryCount, 1);
+    EXPECT_EQ(info.cycleDone, 0);
+    // retryLimit 1: the second is reported (no reply, the cyclic list: 41).
+    const Step reported = Turn(dropLearning);
+    EXPECT_TRUE(reported.learning);
+    EXPECT_EQ(reported.outcome, LineOutcome::kTimeout);
+    EXPECT_EQ(reported.result, 41);
+    EXPECT_NE(ByteAt(reported.frame, 8), ByteAt(retried.frame, 8))
+        << "the retry has a transaction number of its own";
+    EXPECT_EQ(info.retryCount, 0);
+
+    SimWords('N', 7, 0, {0x0010, 0x1000});
+    RunUntilCycleDone();
+    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:0", 2), (std::vector<uint16_t>{0x0010, 0x1000}));
+}
+
 TEST_F(CorruptBlockCheck, WriteIsRetriedThenReportedAsBadReply) {
     info.retryLimit = 1;
     EXPECT_GT(WriteWords(ABCL_WORD_B, "7:30", {9}, 5), 0);
@@ -135,6 +171,7 @@ TEST_F(CorruptBlockCheck, WriteIsRetriedThenReportedAsBadReply) {
 }
 
 TEST_F(CorruptBlockCheck, ReadRetriesOnlyOnceItsLengthIsKnown) {
+    ABCL_DEFAULT_BUILD_ONLY(kHardenedBuildFailsLearning);
     info.retryLimit = 1;
     ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 2}}), 1);
     RunUntilCycleDone();
@@ -171,6 +208,32 @@ TEST_F(CorruptBlockCheck, ReadRetriesOnlyOnceItsLengthIsKnown) {
     EXPECT_EQ(info.retryCount, 1);
 }
 
+TEST_F(CorruptBlockCheck, ReadWithACorruptLearningReplyIsRetriedThenReported_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY(kDefaultBuildLeavesLearningUncounted);
+    info.retryLimit = 1;
+    ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 2}}), 1);
+    RunUntilCycleDone();
+    SimWords('N', 7, 0, {21, 22});
+
+    const auto corruptLearning = [this](const Step& s) {
+        if (s.learning) CorruptNext(1);
+    };
+    const Step retried = Turn(corruptLearning);
+    EXPECT_TRUE(retried.learning);
+    EXPECT_EQ(retried.outcome, LineOutcome::kReply);
+    EXPECT_EQ(retried.result, 0);
+    EXPECT_EQ(info.retryCount, 1);
+    const Step reported = Turn(corruptLearning);
+    EXPECT_TRUE(reported.learning);
+    EXPECT_EQ(reported.outcome, LineOutcome::kReply);
+    EXPECT_EQ(reported.result, 11);  // bad reply, the cyclic list (varId 0)
+    EXPECT_EQ(info.retryCount, 0);
+    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:0", 2), (std::vector<uint16_t>{0, 0}));
+
+    RunUntilCycleDone();
+    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:0", 2), (std::vector<uint16_t>{21, 22}));
+}
+
 class TruncatedReplies : public EndToEnd, public ::testing::WithParamInterface<int> {};
 
 TEST_P(TruncatedReplies, TimeOutAndCountAsNoReply) {
@@ -192,6 +255,7 @@ TEST_P(TruncatedReplies, TimeOutAndCountAsNoReply) {
 INSTANTIATE_TEST_SUITE_P(Cut, TruncatedReplies, ::testing::Values(3, 1));
 
 TEST_F(PartialReplies, HandedOverAsReceivedFailOnLength) {
+    ABCL_DEFAULT_BUILD_ONLY(kHardenedBuildFailsLearning);
     info.retryLimit = 0;
     handPartialReplies = true;
     ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 1}}), 1);
@@ -202,6 +266,28 @@ TEST_F(PartialReplies, HandedOverAsReceivedFailOnLength) {
     EXPECT_TRUE(learning.learning);
     EXPECT_EQ(learning.handed.size(), 28) << ToHex(learning.handed);  // 31 - 3
     EXPECT_EQ(learning.result, 0);
+    EXPECT_EQ(Turn().result, 1);
+    EXPECT_EQ(Turn().result, 1);
+
+    // A write expects 27 bytes: 24 are a wrong length (70 + 2 + 1).
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:31", {3}, 2), 0);
+    const Step s = Turn(OnWriteTo(31, [this] { TruncateNext(1, 3); }));
+    EXPECT_EQ(s.handed.size(), 24) << ToHex(s.handed);
+    EXPECT_EQ(s.result, 73);
+}
+
+TEST_F(PartialReplies, HandedOverAsReceived_AShortLearningReplyIsABadReply_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY(kDefaultBuildLeavesLearningUncounted);
+    info.retryLimit = 0;
+    handPartialReplies = true;
+    ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 1}}), 1);
+    RunUntilCycleDone();
+
+    // Without its trailer the reply answers nothing: a bad reply (10 + 1).
+    const Step learning = Turn([this](const Step&) { TruncateNext(1, 3); });
+    EXPECT_TRUE(learning.learning);
+    EXPECT_EQ(learning.handed.size(), 28) << ToHex(learning.handed);  // 31 - 3
+    EXPECT_EQ(learning.result, 11);
     EXPECT_EQ(Turn().result, 1);
     EXPECT_EQ(Turn().result, 1);
 
@@ -246,10 +332,11 @@ TEST_F(LateReplies, BeyondTheTimeoutFailAsNoReplyThenTheLinkRecovers) {
     EXPECT_EQ(SimWordsAt('N', 7, 33, 2), (std::vector<uint16_t>{1, 2}));
 }
 
-// The driver does not compare a reply's transaction number with its
+// The default build does not compare a reply's transaction number with its
 // request's. (A request TNS of 0x0F is left alone: one higher is 0x10, which
 // the reply doubles, and the length would change.)
 TEST_F(WrongTns, RepliesAreAcceptedAsGood) {
+    ABCL_DEFAULT_BUILD_ONLY("the hardened build takes a reply with another TNS as a bad reply");
     ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 2}}), 1);
     RunUntilCycleDone();
     SimWords('N', 7, 0, {0x1234, 0x1010});
@@ -277,7 +364,39 @@ TEST_F(WrongTns, RepliesAreAcceptedAsGood) {
     EXPECT_EQ(info.retryCount, 0);
 }
 
+TEST_F(WrongTns, WrongTnsReplyIsAFailure_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY("the default build does not compare a reply's TNS with its request's");
+    info.retryLimit = 1;
+    ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 2}}), 1);
+    RunUntilCycleDone();
+    SimWords('N', 7, 0, {0x1234, 0x1010});
+
+    const auto wrongTns = [this](const Step&) { WrongTnsNext(1); };
+    const Step retried = Turn(wrongTns);
+    EXPECT_TRUE(retried.learning);
+    EXPECT_EQ(retried.outcome, LineOutcome::kReply);
+    EXPECT_NE(ByteAt(retried.received, 8), ByteAt(retried.frame, 8)) << ToHex(retried.received);
+    EXPECT_EQ(retried.result, 0);
+    EXPECT_EQ(info.retryCount, 1);
+    const Step reported = Turn(wrongTns);
+    EXPECT_TRUE(reported.learning);
+    EXPECT_EQ(reported.result, 11);  // bad reply, the cyclic list (varId 0)
+    EXPECT_EQ(info.retryCount, 0);
+    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:0", 2), (std::vector<uint16_t>{0, 0}));
+
+    // A write confirmed under another TNS is not taken as done.
+    info.retryLimit = 0;
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:35", {35}, 1), 0);
+    const Step w = Turn(wrongTns);
+    EXPECT_TRUE(w.isWrite());
+    EXPECT_EQ(w.result, 12);  // bad reply, varId 1
+
+    RunUntilCycleDone();
+    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:0", 2), (std::vector<uint16_t>{0x1234, 0x1010}));
+}
+
 TEST_F(Silence, ReadsShowZerosAWriteFailsAndBothRecoverAfterIt) {
+    ABCL_DEFAULT_BUILD_ONLY(kHardenedBuildFailsLearning);
     info.retryLimit = 1;
     ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 2}}), 1);
     RunUntilCycleDone();
@@ -316,6 +435,68 @@ TEST_F(Silence, ReadsShowZerosAWriteFailsAndBothRecoverAfterIt) {
     EXPECT_GT(WriteWords(ABCL_WORD_B, "7:6", {66}, 4), 0);
     EXPECT_EQ(Turn().result, 1);
     EXPECT_EQ(SimWordsAt('N', 7, 6, 1), std::vector<uint16_t>{66});
+}
+
+TEST_F(Silence, ReadsAreReportedEveryRetryLimitPlusOneExchanges_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY(kDefaultBuildLeavesLearningUncounted);
+    info.retryLimit = 1;
+    ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 2}}), 1);
+    RunUntilCycleDone();
+    SimWords('N', 7, 0, {4321, 0x1010});
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:5", {55}, 4), 0);
+
+    // Two seconds without a word from the controller; the write's two tries
+    // and at least two of the read's time out within them.
+    replyTimeoutMs = 200;
+    controller->silenceFor(peer::MonotonicMs(), 2000);
+    const auto steps = RunUntil(
+        [](const Step& s) { return s.sent && !s.isWrite() && !s.learning && s.result == 1; }, 60);
+    replyTimeoutMs = 1000;
+    ASSERT_GE(steps.size(), 6u);
+
+    // The write: tried twice, then reported (no reply, varId 4).
+    EXPECT_TRUE(steps[0].isWrite());
+    EXPECT_EQ(steps[0].result, 0);
+    EXPECT_TRUE(steps[1].isWrite());
+    EXPECT_EQ(steps[1].result, 45);
+    // The cyclic read: every second try without a reply is reported (no
+    // reply, the cyclic list: 41)...
+    const std::size_t n = steps.size();
+    for (std::size_t i = 2; i + 2 < n; ++i) {
+        EXPECT_TRUE(steps[i].learning) << i;
+        EXPECT_EQ(steps[i].outcome, LineOutcome::kTimeout) << i;
+        EXPECT_EQ(steps[i].result, (i - 2) % 2 == 1 ? 41 : 0) << i;
+    }
+    // ...then, once the controller answers, it learns and reads.
+    EXPECT_TRUE(steps[n - 2].learning);
+    EXPECT_EQ(steps[n - 2].result, 1);
+    // A good reply leaves the count of the last unreported try.
+    EXPECT_EQ(info.retryCount, static_cast<int>((n - 4) % 2));
+    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:0", 2), (std::vector<uint16_t>{4321, 0x1010}));
+
+    RunUntilCycleDone();
+    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:6", {66}, 4), 0);
+    EXPECT_EQ(Turn().result, 1);
+    EXPECT_EQ(SimWordsAt('N', 7, 6, 1), std::vector<uint16_t>{66});
+}
+
+TEST_F(Silence, AOneShotReadIsReportedWithCallbackStatusTwo_Hardened) {
+    ABCL_HARDENED_BUILD_ONLY(kDefaultBuildLeavesLearningUncounted);
+    info.retryLimit = 1;
+    EXPECT_GT(OnceRead(ABCL_WORD_B, "7:40", 1, 6, 60), 0);
+    const auto steps = RunUntilReported(4, [this](const Step&) { DropNext(1); });
+    ASSERT_EQ(steps.size(), 2u);
+    for (const Step& s : steps) {
+        EXPECT_TRUE(s.learning);
+        EXPECT_EQ(s.outcome, LineOutcome::kTimeout);
+    }
+    EXPECT_EQ(steps[1].result, 47);  // no reply, varId 6
+    ASSERT_EQ(Callbacks().size(), 1u);
+    EXPECT_EQ(Callbacks()[0].context, kHostContext);
+    EXPECT_EQ(Callbacks()[0].varId, 6);
+    EXPECT_EQ(Callbacks()[0].varSubId, 60);
+    EXPECT_EQ(Callbacks()[0].status, 2);
+    EXPECT_FALSE(Turn().sent) << "nothing is left queued";
 }
 
 }  // namespace
