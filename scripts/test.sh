@@ -5,6 +5,8 @@
 #   native  x86-64, optimised, assertions kept; also checks the sources
 #           themselves (tests source.*: .clang-format, function length in tools/)
 #   asan    AddressSanitizer + UndefinedBehaviorSanitizer (leaks included)
+#   hardened the hardened plug-in (-DABCL_HARDENED=ON) under the same
+#           sanitizers: the driver, its unit and end-to-end tests (no tools)
 #   tsan    ThreadSanitizer, the tests labelled "thread" only
 #   armhf   cross-built for the 32-bit ARM panel and run under qemu-arm; the
 #           layout static_asserts in the public header only hold there, so a
@@ -23,7 +25,7 @@
 # directory under build/ and is rebuilt incrementally next time.
 #
 # Environment:
-#   ABCL_RUNS          runs to do, in order (default "native asan tsan armhf clang package")
+#   ABCL_RUNS          runs to do, in order (default "native asan hardened tsan armhf clang package")
 #   ABCL_JOBS          parallel compile jobs (default: nproc)
 #   ABCL_CTEST_JOBS    parallel test processes (default 1)
 #   ABCL_TEST_TIMEOUT  seconds one test may take before it counts as failed (default 300)
@@ -46,7 +48,7 @@ set -uo pipefail
 repo_root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$repo_root" || exit 1
 
-runs=${ABCL_RUNS:-native asan tsan armhf clang package}
+runs=${ABCL_RUNS:-native asan hardened tsan armhf clang package}
 jobs=${ABCL_JOBS:-$(nproc 2>/dev/null || echo 2)}
 ctest_jobs=${ABCL_CTEST_JOBS:-1}
 test_timeout=${ABCL_TEST_TIMEOUT:-300}
@@ -55,8 +57,8 @@ sysroot=${ABCL_ARMHF_SYSROOT:-$build_root/armhf-sysroot}
 
 for run in $runs; do
     case $run in
-        native | asan | tsan | armhf | clang | package) ;;
-        *) echo "test.sh: unknown run '$run' in ABCL_RUNS (native asan tsan armhf clang package)" >&2; exit 2 ;;
+        native | asan | hardened | tsan | armhf | clang | package) ;;
+        *) echo "test.sh: unknown run '$run' in ABCL_RUNS (native asan hardened tsan armhf clang package)" >&2; exit 2 ;;
     esac
 done
 
@@ -227,18 +229,32 @@ do_native() {
     test_build "$dir" $rc --no-tests=error
 }
 
-do_asan() {
-    local dir=$build_root/asan leaks=1 rc=0
+# do_sanitized_run DIR CMAKE_ARGS...: a build under AddressSanitizer and
+# UndefinedBehaviorSanitizer, and its tests.
+do_sanitized_run() {
+    local dir=$1 leaks=1 rc=0
+    shift
     if ! lsan_works; then
         leaks=0
-        run_note[asan]=" (LeakSanitizer unavailable here: leaks not checked)"
+        run_note[$run]=" (LeakSanitizer unavailable here: leaks not checked)"
     fi
     configure_and_build "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
         -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="$opt_flags_sanitize" -DCMAKE_CXX_FLAGS="$warn_flags_sanitize" \
-        -DABCL_SANITIZE=address,undefined -DABCL_BUILD_BENCH=OFF -DABCL_BUILD_FUZZ=OFF || rc=$?
+        -DABCL_SANITIZE=address,undefined -DABCL_BUILD_BENCH=OFF -DABCL_BUILD_FUZZ=OFF "$@" || rc=$?
     ASAN_OPTIONS="halt_on_error=1:detect_leaks=$leaks:check_initialization_order=1:strict_init_order=1:detect_stack_use_after_return=1${ASAN_OPTIONS:+:$ASAN_OPTIONS}" \
     UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1${UBSAN_OPTIONS:+:$UBSAN_OPTIONS}" \
         test_build "$dir" $rc --no-tests=error
+}
+
+do_asan() {
+    do_sanitized_run "$build_root/asan"
+}
+
+# The hardened plug-in: what differs from the default one is the driver, so
+# the driver's own tests and the end-to-end ones run; the tools, whose
+# tests load this build's plug-in, stay in the other runs.
+do_hardened() {
+    do_sanitized_run "$build_root/hardened" -DABCL_HARDENED=ON -DABCL_BUILD_TOOLS=OFF
 }
 
 do_tsan() {
@@ -330,7 +346,7 @@ done
 # ---------------------------------------------------------------- summary --
 banner "summary"
 for run in $runs; do
-    printf '%-8s %s%s   [%s]\n' "$run:" "${run_status[$run]:-not run}" "${run_note[$run]:-}" "${run_times[$run]}"
+    printf '%-9s %s%s   [%s]\n' "$run:" "${run_status[$run]:-not run}" "${run_note[$run]:-}" "${run_times[$run]}"
     [[ -n ${run_failures[$run]:-} ]] && printf '%s\n' "${run_failures[$run]}"
 done
 echo "whole script: $(elapsed $((SECONDS - script_start)))"
