@@ -103,6 +103,7 @@ struct History {
     int forcedOnce = 0;
     bool replyProcessed = false;
     bool inDataCom = false;
+    bool inComCommunication = false;
     int callbacks = 0;
 };
 History g_history;
@@ -120,8 +121,15 @@ bool ListLockHeld() {
 
 int OnOneShotDone(int hostContext, int varId, int varSubId, int status) {
     const AB_ControlLogix_CompactLogix& d = PLC_driver;
-    FUZZ_CHECK(g_history.inDataCom);
     FUZZ_CHECK(ListLockHeld());
+    if (kHardened && g_history.inComCommunication) {
+        // A one-shot read that built no frame, taken out of its queue and
+        // reported failed.
+        FUZZ_CHECK(status == 2 && hostContext == settings().hostContext);
+        FUZZ_CHECK(g_history.queuedOnce.count({varId, varSubId}) == 1);
+        return 0;
+    }
+    FUZZ_CHECK(g_history.inDataCom);
     FUZZ_CHECK(status == 1 || status == 2);
     FUZZ_CHECK(status == (commErrorSet() ? 2 : 1));
     FUZZ_CHECK(hostContext == settings().hostContext);
@@ -269,12 +277,22 @@ Protocol* CheckedComCommunication() {
     const int writes = d.writeList.size();
     const int once = d.onceReadList.size();
     const int cyclic = d.readList.size();
+    g_history.inComCommunication = true;
     Protocol* p = ComCommunication();
-    FUZZ_CHECK(d.writeList.size() == writes && d.onceReadList.size() == once &&
-               d.readList.size() == cyclic);
+    g_history.inComCommunication = false;
+    if (kHardened) {
+        // The hardened build drops entries that build no frame, from the head
+        // of their queues; it never adds one.
+        FUZZ_CHECK(d.writeList.size() <= writes && d.onceReadList.size() <= once &&
+                   d.readList.size() <= cyclic);
+    } else {
+        FUZZ_CHECK(d.writeList.size() == writes && d.onceReadList.size() == once &&
+                   d.readList.size() == cyclic);
+    }
     if (!p) {
         FUZZ_CHECK(d.protocolList.isEmpty());
-        if (writes == 0 && once == 0 && cyclic == 0) FUZZ_CHECK(settings().cycleDone == 1);
+        if (d.writeList.isEmpty() && d.onceReadList.isEmpty() && d.readList.isEmpty())
+            FUZZ_CHECK(settings().cycleDone == 1);
         return p;
     }
     FUZZ_CHECK(p == &d.protocolList.first());
@@ -390,7 +408,9 @@ void CheckedDataCom(const QByteArray& reply, int len) {
         FUZZ_CHECK(result == 1 && d.tns == b.tns && g_history.callbacks == 0 && queuesKept);
         return;
     }
-    if (b.learning) {
+    // The hardened build fails a length-learning exchange without a usable
+    // reply like any other exchange: only a learnt length is checked here.
+    if (b.learning && (!kHardened || result == 1)) {
         // The first reply only fixes the length; the request stays on the wire.
         FUZZ_CHECK(result == 0 || result == 1);
         FUZZ_CHECK(d.tns == b.tns && g_history.callbacks == 0 && queuesKept);
@@ -646,6 +666,11 @@ void AddOnce(fuzz::Input& in) {
         if (before >= kQueueCapacity) ++g_history.forcedOnce;
     } else if (address < 0) {
         FUZZ_CHECK(length == 0 && list.size() == before);
+        return;
+    } else if (kHardened && length == 0) {
+        // Nothing of the read lies in a local area, or its count is below
+        // 1: the hardened build queues nothing.
+        FUZZ_CHECK(list.size() == before);
         return;
     } else {
         FUZZ_CHECK(length == list.size() && length >= before);
