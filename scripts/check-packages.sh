@@ -79,6 +79,18 @@ pkg_config_consumer() {
     PKG_CONFIG_PATH=$1 consumer_builds_and_reads "$2" -DCONSUMER_USE_PKG_CONFIG=ON
 }
 
+# has_line LINE: whether standard input holds LINE as a whole line. It reads
+# its input to the end: `producer | grep -q` under pipefail fails whenever
+# grep quits at the first match while the producer still writes (SIGPIPE).
+has_line() {
+    [[ $(grep -cFx -- "$1") -gt 0 ]]
+}
+
+# plugin_build_text FILE: the plug-in's version text ("NAME VERSION[ hardened]").
+plugin_build_text() {
+    strings "$1" | grep -E '^AB_ControlLogix_CompactLogix [0-9]' || true
+}
+
 # The plug-in packages but the hardened one: both hold the same file.
 default_debs() {
     local deb
@@ -108,20 +120,20 @@ check deb_amd64.pkg_config pkg_config_consumer "$root/usr/$libdir/pkgconfig" deb
 amd64_hardened() {
     local deb hroot=$work/root-hardened d
     deb=$(ls "$packages"/amd64/ab-controllogix-compactlogix-hardened_*.deb)
-    dpkg-deb -f "$deb" Conflicts | grep -qx 'ab-controllogix-compactlogix' &&
-        dpkg-deb -f "$deb" Provides | grep -qx "ab-controllogix-compactlogix (= $version-1)" &&
+    dpkg-deb -f "$deb" Conflicts | has_line 'ab-controllogix-compactlogix' &&
+        dpkg-deb -f "$deb" Provides | has_line "ab-controllogix-compactlogix (= $version-1)" &&
         dpkg-deb -f "$packages"/amd64/ab-controllogix-compactlogix_*.deb Conflicts |
-        grep -qx 'ab-controllogix-compactlogix-hardened' || { echo "fields"; return 1; }
-    strings "$root/usr/$libdir/$plugin_rel" | grep -qx "AB_ControlLogix_CompactLogix $version" ||
+        has_line 'ab-controllogix-compactlogix-hardened' || { echo "fields"; return 1; }
+    [[ $(plugin_build_text "$root/usr/$libdir/$plugin_rel") == "AB_ControlLogix_CompactLogix $version" ]] ||
         { echo "the default package's plug-in is not the default build"; return 1; }
     # A plain `cmake --install` installs the default plug-in only.
-    strings "$prefix/$libdir/$plugin_rel" | grep -qx "AB_ControlLogix_CompactLogix $version" ||
+    [[ $(plugin_build_text "$prefix/$libdir/$plugin_rel") == "AB_ControlLogix_CompactLogix $version" ]] ||
         { echo "cmake --install put the hardened plug-in in place"; return 1; }
     for d in "$deb" "$packages"/amd64/ab-controllogix-compactlogix-dev_*.deb \
         "$packages"/amd64/ab-controllogix-compactlogix-tools_*.deb; do
         dpkg-deb -x "$d" "$hroot"
     done
-    strings "$hroot/usr/$libdir/$plugin_rel" | grep -qx "AB_ControlLogix_CompactLogix $version hardened" ||
+    [[ $(plugin_build_text "$hroot/usr/$libdir/$plugin_rel") == "AB_ControlLogix_CompactLogix $version hardened" ]] ||
         { echo "the hardened package's plug-in is not the hardened build"; return 1; }
     local plcsim=("$hroot/usr/bin/plcsim")
     consumer_builds_and_reads deb-hardened -DCMAKE_PREFIX_PATH="$hroot/usr"
@@ -136,8 +148,8 @@ armhf_fields() {
         grep -qx " Architecture: armhf" <<<"$info" && grep -qx " Version: $version-1" <<<"$info" ||
             { echo "$deb: not armhf $version-1"; echo "$info"; return 1; }
     done
-    dpkg-deb -f "$packages"/armhf/ab-controllogix-compactlogix-hardened_*.deb Depends |
-        grep -q 'libqt5core5a (>= ' || { echo "hardened: no libqt5core5a"; return 1; }
+    [[ $(dpkg-deb -f "$packages"/armhf/ab-controllogix-compactlogix-hardened_*.deb Depends) == *'libqt5core5a (>= '* ]] ||
+        { echo "hardened: no libqt5core5a"; return 1; }
     local runtime tools dev
     runtime=$(dpkg-deb -f "$packages"/armhf/ab-controllogix-compactlogix_*.deb Depends)
     tools=$(dpkg-deb -f "$packages"/armhf/ab-controllogix-compactlogix-tools_*.deb Depends)
@@ -159,7 +171,7 @@ armhf_contents() {
         grep -q " \./$path\$" <<<"$listing" || { echo "missing: $path"; return 1; }
     done
     dpkg-deb -x "$packages"/armhf/ab-controllogix-compactlogix_*.deb "$work/armhf-runtime"
-    file -b "$work/armhf-runtime/usr/lib/$triplet/$plugin_rel" | grep -q 'ELF 32-bit LSB shared object, ARM'
+    [[ $(file -b "$work/armhf-runtime/usr/lib/$triplet/$plugin_rel") == *'ELF 32-bit LSB shared object, ARM'* ]]
 }
 
 check deb_armhf.fields armhf_fields
@@ -182,7 +194,7 @@ armhf_qemu() {
         -DCMAKE_TOOLCHAIN_FILE="$repo_root/cmake/armhf-toolchain.cmake" \
         -DABCL_ARMHF_SYSROOT="$panel" -DCMAKE_PREFIX_PATH=/usr &&
         cmake --build "$work/armhf-consumer" &&
-        file -b "$work/armhf-consumer/consumer" | grep -q 'ELF 32-bit LSB .*ARM' &&
+        [[ $(file -b "$work/armhf-consumer/consumer") == *'ELF 32-bit LSB '*ARM* ]] &&
         with_plcsim armhf_consumer_run
 }
 check deb_armhf.qemu armhf_qemu
