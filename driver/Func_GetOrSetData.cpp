@@ -274,9 +274,8 @@ void MakeWordPiece(RW_VAR* w, int32_t first, const QByteArray& values, const Pie
 // Pieces [next, pieces) of a word write, by place and size, each mapped to
 // the last piece with that place and size (which a piece queued on its own
 // after the others would leave in the queue). Made outside listMutex.
-std::unordered_map<uint64_t, int> LastPieceByPlace(int32_t first, const PieceSplit& split,
-                                                   int maxCount, int next) {
-    std::unordered_map<uint64_t, int> last;
+PlaceKeyMap<int> LastPieceByPlace(int32_t first, const PieceSplit& split, int maxCount, int next) {
+    PlaceKeyMap<int> last;
     for (int k = next; k < split.pieces; ++k) {
         const int32_t address = Wrap32(first + static_cast<int64_t>(k) * maxCount);
         const int32_t count = (k == split.pieces - 1) ? split.lastCount : maxCount;
@@ -292,8 +291,7 @@ int QueueWordWrites(RW_VAR* w, int32_t first, const QByteArray& values, const Pi
         MakeWordPiece(piece, first, values, split, maxCount, k);
     };
     const auto replaceRest = [&](int next) {
-        const std::unordered_map<uint64_t, int> last =
-            LastPieceByPlace(first, split, maxCount, next);
+        const PlaceKeyMap<int> last = LastPieceByPlace(first, split, maxCount, next);
         const int full = ReplaceQueuedWritesIfFull(*w, [&](const RW_VAR& queued, RW_VAR* piece) {
             const auto found = last.find(PlaceKey(queued.address, queued.count));
             if (found == last.end()) return false;

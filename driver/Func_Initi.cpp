@@ -405,7 +405,7 @@ int QueueWritesWhileRoom(const std::vector<RW_VAR>& writes, size_t* taken) {
     // the writes' station and type: the entry a write there would replace.
     // Looked up instead of scanning the queue for every write, which would
     // cost up to a million comparisons under the lock.
-    std::unordered_map<uint64_t, int> firstAt;
+    PlaceKeyMap<int> firstAt;
     firstAt.reserve(static_cast<size_t>(kQueueLimit));
     DriverLock lock(&d.listMutex);
     QList<RW_VAR>& list = d.writeList;
@@ -441,7 +441,7 @@ int ReplaceQueuedWritesIfFull(const RW_VAR& write,
     // Of several queued writes with the same place and size, only the first
     // after the one on the wire is replaced, as a write queued on its own
     // would replace it.
-    std::unordered_set<uint64_t> replaced;
+    PlaceKeySet replaced;
     for (int j = 1; j < d.writeList.size(); ++j) {
         const RW_VAR& e = d.writeList.at(j);
         if (e.station != write.station || e.dataType != write.dataType) continue;
@@ -477,7 +477,7 @@ std::vector<OncePiece> DistinctOncePieces(int32_t start, int32_t count, int maxC
     std::vector<OncePiece> pieces;
     if (split.pieces <= 0) return pieces;
     pieces.reserve(static_cast<size_t>(split.pieces));
-    std::unordered_set<uint64_t> seen;
+    PlaceKeySet seen;
     for (int k = 0; k < split.pieces; ++k) {
         const int64_t step = static_cast<int64_t>(k) * maxCount * unit;
         const OncePiece piece{Wrap32(start + step),
@@ -501,7 +501,7 @@ std::vector<OncePiece> DistinctOncePieces(int32_t start, int32_t count, int maxC
 // piece costs the same however long the queue is. listMutex is held.
 void QueueOncePieces(const std::vector<OncePiece>& pieces, const RW_VAR& var) {
     QList<RW_VAR>& queue = PLC_driver.onceReadList;
-    std::unordered_set<uint64_t> queued;
+    PlaceKeySet queued;
     for (const RW_VAR& e : queue)
         if (SameOnceVariable(e, var)) queued.insert(PlaceKey(e.address, e.count));
     RW_VAR entry = var;

@@ -12,6 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #if defined(__SANITIZE_THREAD__)
@@ -167,6 +169,20 @@ int QueueWriteRequest(RW_VAR* var, int mode);
 inline uint64_t PlaceKey(int32_t address, int32_t count) {
     return (uint64_t{static_cast<uint32_t>(address)} << 32) | static_cast<uint32_t>(count);
 }
+// The hash of a place key for the sets and maps that look entries up by it.
+// The standard library's hash of a 64-bit integer is the integer cast to
+// size_t: on a 32-bit panel that keeps only the count, so every piece of one
+// split (all maxCount long) would fall into one bucket and each lookup would
+// walk all of them. Folding the address into the low half keeps the pieces of
+// a split (one count, distinct addresses) on distinct hashes on any width of
+// size_t, and keeps neighbouring addresses in neighbouring buckets, as the
+// plain cast does on a 64-bit machine.
+struct PlaceKeyHash {
+    size_t operator()(uint64_t key) const { return static_cast<size_t>(key ^ (key >> 32)); }
+};
+using PlaceKeySet = std::unordered_set<uint64_t, PlaceKeyHash>;
+template <typename Value>
+using PlaceKeyMap = std::unordered_map<uint64_t, Value, PlaceKeyHash>;
 
 // Queues `writes` (all of one station and type) in order, as QueueWriteRequest
 // in mode 0 would one by one: the first always, the following ones while the

@@ -15,6 +15,7 @@
 
 #include "Func_GetOrSetData.h"
 #include "Func_Initi.h"
+#include "ab_controllogix_compactlogix_p.h"
 #include "fresh_driver.h"
 #include "protocol_constants.h"
 
@@ -30,6 +31,38 @@
 namespace {
 
 ComInfo g_info;
+
+// The longest bucket of a set holding every key: what one lookup may walk.
+size_t LongestBucket(const PlaceKeySet& set) {
+    size_t longest = 0;
+    for (size_t b = 0; b < set.bucket_count(); ++b) longest = std::max(longest, set.bucket_size(b));
+    return longest;
+}
+
+// The pieces of one split share their count and differ in their address: a
+// hash that kept only the low half of the key (size_t on a 32-bit panel)
+// would put them all into one bucket.
+TEST(PlaceKeyHash, PiecesOfOneSplitSpreadOverTheBuckets) {
+    PlaceKeySet set;
+    for (int32_t k = 0; k < 65536; ++k) set.insert(PlaceKey(k * 4, 4));
+    ASSERT_EQ(set.size(), 65536u);
+    EXPECT_LE(LongestBucket(set), 16u);
+}
+
+TEST(PlaceKeyHash, OnePlaceWithManyCountsSpreadsOverTheBuckets) {
+    PlaceKeySet set;
+    for (int32_t count = 1; count <= 65536; ++count) set.insert(PlaceKey(100, count));
+    ASSERT_EQ(set.size(), 65536u);
+    EXPECT_LE(LongestBucket(set), 16u);
+}
+
+TEST(PlaceKeyHash, TheHashUsesBothHalvesOfTheKeyWhateverTheWidthOfSizeT) {
+    const PlaceKeyHash hash;
+    const uint32_t addressOnly = static_cast<uint32_t>(hash(PlaceKey(1, 0)) ^ hash(PlaceKey(2, 0)));
+    const uint32_t countOnly = static_cast<uint32_t>(hash(PlaceKey(0, 1)) ^ hash(PlaceKey(0, 2)));
+    EXPECT_NE(addressOnly, 0u);
+    EXPECT_NE(countOnly, 0u);
+}
 
 bool ModelSameOnceRead(const RW_VAR& a, const RW_VAR& b) {
     return a.varId == b.varId && a.varSubId == b.varSubId && a.station == b.station &&
