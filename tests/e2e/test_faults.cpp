@@ -22,6 +22,21 @@ Hook OnWriteTo(int element, const std::function<void()>& fault) {
     };
 }
 
+// Runs `fault` before the reply of every exchange that learns a read's length.
+Hook WhileLearning(const std::function<void()>& fault) {
+    return [fault](const Step& s) {
+        if (s.learning) fault();
+    };
+}
+
+// An exchange that tried to learn a read's length: what came back and the
+// result DataCom gave.
+void ExpectLearning(const Step& s, LineOutcome outcome, int result) {
+    EXPECT_TRUE(s.learning);
+    EXPECT_EQ(s.outcome, outcome);
+    EXPECT_EQ(s.result, result);
+}
+
 TEST_F(DroppedReplies, WriteIsRetriedThenReportedAsNoReplyAndTheQueuesPurged) {
     info.retryLimit = 2;
     ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:20", 4}}), 1);
@@ -85,14 +100,9 @@ TEST_F(DroppedReplies, ReadLearningItsLengthYieldsZeroAndCountsNoRetry) {
 
     // A controller that stays silent while a read learns its length: result
     // 0 each time, the same request again, no retry counted, no failure.
-    const auto dropLearning = [this](const Step& s) {
-        if (s.learning) DropNext(1);
-    };
     for (int i = 0; i < 5; ++i) {
-        const Step s = Turn(dropLearning);
-        EXPECT_TRUE(s.learning) << i;
-        EXPECT_EQ(s.outcome, LineOutcome::kTimeout) << i;
-        EXPECT_EQ(s.result, 0) << i;
+        SCOPED_TRACE(i);
+        ExpectLearning(Turn(WhileLearning([this] { DropNext(1); })), LineOutcome::kTimeout, 0);
     }
     EXPECT_EQ(info.retryCount, 0);
     EXPECT_EQ(info.cycleDone, 1);
@@ -122,20 +132,14 @@ TEST_F(DroppedReplies, ReadLearningItsLength_IsRetriedThenReportedAsNoReply_Hard
     ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 2}}), 1);
     RunUntilCycleDone();
 
-    const auto dropLearning = [this](const Step& s) {
-        if (s.learning) DropNext(1);
-    };
+    const Hook dropLearning = WhileLearning([this] { DropNext(1); });
     const Step retried = Turn(dropLearning);
-    EXPECT_TRUE(retried.learning);
-    EXPECT_EQ(retried.outcome, LineOutcome::kTimeout);
-    EXPECT_EQ(retried.result, 0);
+    ExpectLearning(retried, LineOutcome::kTimeout, 0);
     EXPECT_EQ(info.retryCount, 1);
     EXPECT_EQ(info.cycleDone, 0);
     // retryLimit 1: the second is reported (no reply, the cyclic list: 41).
     const Step reported = Turn(dropLearning);
-    EXPECT_TRUE(reported.learning);
-    EXPECT_EQ(reported.outcome, LineOutcome::kTimeout);
-    EXPECT_EQ(reported.result, 41);
+    ExpectLearning(reported, LineOutcome::kTimeout, 41);
     EXPECT_NE(ByteAt(reported.frame, 8), ByteAt(retried.frame, 8))
         << "the retry has a transaction number of its own";
     EXPECT_EQ(info.retryCount, 0);
@@ -177,14 +181,9 @@ TEST_F(CorruptBlockCheck, ReadRetriesOnlyOnceItsLengthIsKnown) {
     RunUntilCycleDone();
     SimWords('N', 7, 0, {21, 22});
 
-    const auto corruptLearning = [this](const Step& s) {
-        if (s.learning) CorruptNext(1);
-    };
     for (int i = 0; i < 3; ++i) {
-        const Step s = Turn(corruptLearning);
-        EXPECT_TRUE(s.learning);
-        EXPECT_EQ(s.outcome, LineOutcome::kReply);
-        EXPECT_EQ(s.result, 0);
+        SCOPED_TRACE(i);
+        ExpectLearning(Turn(WhileLearning([this] { CorruptNext(1); })), LineOutcome::kReply, 0);
     }
     EXPECT_EQ(info.retryCount, 0);
 
@@ -215,18 +214,11 @@ TEST_F(CorruptBlockCheck, ReadWithACorruptLearningReplyIsRetriedThenReported_Har
     RunUntilCycleDone();
     SimWords('N', 7, 0, {21, 22});
 
-    const auto corruptLearning = [this](const Step& s) {
-        if (s.learning) CorruptNext(1);
-    };
-    const Step retried = Turn(corruptLearning);
-    EXPECT_TRUE(retried.learning);
-    EXPECT_EQ(retried.outcome, LineOutcome::kReply);
-    EXPECT_EQ(retried.result, 0);
+    const Hook corruptLearning = WhileLearning([this] { CorruptNext(1); });
+    ExpectLearning(Turn(corruptLearning), LineOutcome::kReply, 0);
     EXPECT_EQ(info.retryCount, 1);
-    const Step reported = Turn(corruptLearning);
-    EXPECT_TRUE(reported.learning);
-    EXPECT_EQ(reported.outcome, LineOutcome::kReply);
-    EXPECT_EQ(reported.result, 11);  // bad reply, the cyclic list (varId 0)
+    // Bad reply, the cyclic list (varId 0).
+    ExpectLearning(Turn(corruptLearning), LineOutcome::kReply, 11);
     EXPECT_EQ(info.retryCount, 0);
     EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:0", 2), (std::vector<uint16_t>{0, 0}));
 
@@ -255,39 +247,18 @@ TEST_P(TruncatedReplies, TimeOutAndCountAsNoReply) {
 INSTANTIATE_TEST_SUITE_P(Cut, TruncatedReplies, ::testing::Values(3, 1));
 
 TEST_F(PartialReplies, HandedOverAsReceivedFailOnLength) {
-    ABCL_DEFAULT_BUILD_ONLY(kHardenedBuildFailsLearning);
     info.retryLimit = 0;
     handPartialReplies = true;
     ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 1}}), 1);
     RunUntilCycleDone();
 
-    // While a read learns its length a short reply is simply not taken.
+    // While a read learns its length a short reply is simply not taken. The
+    // hardened build counts it as a bad reply (10 + 1): without its trailer
+    // it answers nothing.
     const Step learning = Turn([this](const Step&) { TruncateNext(1, 3); });
     EXPECT_TRUE(learning.learning);
     EXPECT_EQ(learning.handed.size(), 28) << ToHex(learning.handed);  // 31 - 3
-    EXPECT_EQ(learning.result, 0);
-    EXPECT_EQ(Turn().result, 1);
-    EXPECT_EQ(Turn().result, 1);
-
-    // A write expects 27 bytes: 24 are a wrong length (70 + 2 + 1).
-    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:31", {3}, 2), 0);
-    const Step s = Turn(OnWriteTo(31, [this] { TruncateNext(1, 3); }));
-    EXPECT_EQ(s.handed.size(), 24) << ToHex(s.handed);
-    EXPECT_EQ(s.result, 73);
-}
-
-TEST_F(PartialReplies, HandedOverAsReceived_AShortLearningReplyIsABadReply_Hardened) {
-    ABCL_HARDENED_BUILD_ONLY(kDefaultBuildLeavesLearningUncounted);
-    info.retryLimit = 0;
-    handPartialReplies = true;
-    ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 1}}), 1);
-    RunUntilCycleDone();
-
-    // Without its trailer the reply answers nothing: a bad reply (10 + 1).
-    const Step learning = Turn([this](const Step&) { TruncateNext(1, 3); });
-    EXPECT_TRUE(learning.learning);
-    EXPECT_EQ(learning.handed.size(), 28) << ToHex(learning.handed);  // 31 - 3
-    EXPECT_EQ(learning.result, 11);
+    EXPECT_EQ(learning.result, kHardenedBuild ? 11 : 0);
     EXPECT_EQ(Turn().result, 1);
     EXPECT_EQ(Turn().result, 1);
 
@@ -395,89 +366,86 @@ TEST_F(WrongTns, WrongTnsReplyIsAFailure_Hardened) {
     EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:0", 2), (std::vector<uint16_t>{0x1234, 0x1010}));
 }
 
-TEST_F(Silence, ReadsShowZerosAWriteFailsAndBothRecoverAfterIt) {
-    ABCL_DEFAULT_BUILD_ONLY(kHardenedBuildFailsLearning);
-    info.retryLimit = 1;
-    ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 2}}), 1);
-    RunUntilCycleDone();
-    SimWords('N', 7, 0, {4321, 0x1010});
-    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:5", {55}, 4), 0);
+// The silence tests' common course: a cyclic read of N7:0 x2 and a write of
+// N7:5 queued (retryLimit 1), then two seconds without a word from the
+// controller, run until the read gives a value again. The write's two tries
+// and at least two of the read's time out within them.
+class SilenceBehindAWrite : public EndToEnd {
+protected:
+    std::vector<Step> RunThroughTheSilence() {
+        info.retryLimit = 1;
+        EXPECT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 2}}), 1);
+        RunUntilCycleDone();
+        SimWords('N', 7, 0, {4321, 0x1010});
+        EXPECT_GT(WriteWords(ABCL_WORD_B, "7:5", {55}, 4), 0);
 
-    // Two seconds without a word from the controller; the write's two tries
-    // time out well within them.
-    replyTimeoutMs = 200;
-    controller->silenceFor(peer::MonotonicMs(), 2000);
-    const auto steps = RunUntil(
-        [](const Step& s) { return s.sent && !s.isWrite() && !s.learning && s.result == 1; }, 60);
-    replyTimeoutMs = 1000;
-    ASSERT_GE(steps.size(), 5u);
+        replyTimeoutMs = 200;
+        controller->silenceFor(peer::MonotonicMs(), 2000);
+        auto steps = RunUntil(
+            [](const Step& s) { return s.sent && !s.isWrite() && !s.learning && s.result == 1; },
+            60);
+        replyTimeoutMs = 1000;
+        return steps;
+    }
 
     // The write: tried twice, then reported (no reply, varId 4).
-    EXPECT_TRUE(steps[0].isWrite());
-    EXPECT_EQ(steps[0].result, 0);
-    EXPECT_TRUE(steps[1].isWrite());
-    EXPECT_EQ(steps[1].result, 45);
-    // The cyclic read: a run of zeros while it cannot learn its length...
-    const std::size_t n = steps.size();
-    for (std::size_t i = 2; i + 2 < n; ++i) {
-        EXPECT_TRUE(steps[i].learning) << i;
-        EXPECT_EQ(steps[i].outcome, LineOutcome::kTimeout) << i;
-        EXPECT_EQ(steps[i].result, 0) << i;
+    static void ExpectTheWriteReportedAfterTwoTries(const std::vector<Step>& steps) {
+        EXPECT_TRUE(steps[0].isWrite());
+        EXPECT_EQ(steps[0].result, 0);
+        EXPECT_TRUE(steps[1].isWrite());
+        EXPECT_EQ(steps[1].result, 45);
     }
-    // ...then, once the controller answers, it learns and reads.
-    EXPECT_TRUE(steps[n - 2].learning);
-    EXPECT_EQ(steps[n - 2].result, 1);
-    EXPECT_EQ(info.retryCount, 0);
-    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:0", 2), (std::vector<uint16_t>{4321, 0x1010}));
-    EXPECT_GE(controller->counters().silenced, 3u);
 
-    RunUntilCycleDone();
-    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:6", {66}, 4), 0);
-    EXPECT_EQ(Turn().result, 1);
-    EXPECT_EQ(SimWordsAt('N', 7, 6, 1), std::vector<uint16_t>{66});
+    // Between the write's tries and the recovery, each exchange was the
+    // read's try to learn its length, and timed out; resultAt(i) is the
+    // result exchange i gave.
+    template <typename ResultAt>
+    static void ExpectTheReadTimedOutLearning(const std::vector<Step>& steps, ResultAt resultAt) {
+        for (std::size_t i = 2; i + 2 < steps.size(); ++i) {
+            EXPECT_TRUE(steps[i].learning) << i;
+            EXPECT_EQ(steps[i].outcome, LineOutcome::kTimeout) << i;
+            EXPECT_EQ(steps[i].result, resultAt(i)) << i;
+        }
+    }
+
+    // Once the controller answers: the read learns its length and shows the
+    // controller's words, and a new write goes through.
+    void ExpectBothRecover(const std::vector<Step>& steps) {
+        const std::size_t n = steps.size();
+        EXPECT_TRUE(steps[n - 2].learning);
+        EXPECT_EQ(steps[n - 2].result, 1);
+        EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:0", 2), (std::vector<uint16_t>{4321, 0x1010}));
+
+        RunUntilCycleDone();
+        EXPECT_GT(WriteWords(ABCL_WORD_B, "7:6", {66}, 4), 0);
+        EXPECT_EQ(Turn().result, 1);
+        EXPECT_EQ(SimWordsAt('N', 7, 6, 1), std::vector<uint16_t>{66});
+    }
+};
+
+TEST_F(SilenceBehindAWrite, ReadsShowZerosAWriteFailsAndBothRecoverAfterIt) {
+    ABCL_DEFAULT_BUILD_ONLY(kHardenedBuildFailsLearning);
+    const auto steps = RunThroughTheSilence();
+    ASSERT_GE(steps.size(), 5u);
+    ExpectTheWriteReportedAfterTwoTries(steps);
+    // The cyclic read: a run of zeros while it cannot learn its length.
+    ExpectTheReadTimedOutLearning(steps, [](std::size_t) { return 0; });
+    EXPECT_EQ(info.retryCount, 0);
+    EXPECT_GE(controller->counters().silenced, 3u);
+    ExpectBothRecover(steps);
 }
 
-TEST_F(Silence, ReadsAreReportedEveryRetryLimitPlusOneExchanges_Hardened) {
+TEST_F(SilenceBehindAWrite, ReadsAreReportedEveryRetryLimitPlusOneExchanges_Hardened) {
     ABCL_HARDENED_BUILD_ONLY(kDefaultBuildLeavesLearningUncounted);
-    info.retryLimit = 1;
-    ASSERT_EQ(SetCyclicList({{ABCL_WORD_B, "7:0", 2}}), 1);
-    RunUntilCycleDone();
-    SimWords('N', 7, 0, {4321, 0x1010});
-    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:5", {55}, 4), 0);
-
-    // Two seconds without a word from the controller; the write's two tries
-    // and at least two of the read's time out within them.
-    replyTimeoutMs = 200;
-    controller->silenceFor(peer::MonotonicMs(), 2000);
-    const auto steps = RunUntil(
-        [](const Step& s) { return s.sent && !s.isWrite() && !s.learning && s.result == 1; }, 60);
-    replyTimeoutMs = 1000;
+    const auto steps = RunThroughTheSilence();
     ASSERT_GE(steps.size(), 6u);
-
-    // The write: tried twice, then reported (no reply, varId 4).
-    EXPECT_TRUE(steps[0].isWrite());
-    EXPECT_EQ(steps[0].result, 0);
-    EXPECT_TRUE(steps[1].isWrite());
-    EXPECT_EQ(steps[1].result, 45);
+    ExpectTheWriteReportedAfterTwoTries(steps);
     // The cyclic read: every second try without a reply is reported (no
-    // reply, the cyclic list: 41)...
-    const std::size_t n = steps.size();
-    for (std::size_t i = 2; i + 2 < n; ++i) {
-        EXPECT_TRUE(steps[i].learning) << i;
-        EXPECT_EQ(steps[i].outcome, LineOutcome::kTimeout) << i;
-        EXPECT_EQ(steps[i].result, (i - 2) % 2 == 1 ? 41 : 0) << i;
-    }
-    // ...then, once the controller answers, it learns and reads.
-    EXPECT_TRUE(steps[n - 2].learning);
-    EXPECT_EQ(steps[n - 2].result, 1);
+    // reply, the cyclic list: 41).
+    ExpectTheReadTimedOutLearning(steps, [](std::size_t i) { return (i - 2) % 2 == 1 ? 41 : 0; });
     // A good reply leaves the count of the last unreported try.
-    EXPECT_EQ(info.retryCount, static_cast<int>((n - 4) % 2));
-    EXPECT_EQ(ImageWords(ABCL_WORD_B, "7:0", 2), (std::vector<uint16_t>{4321, 0x1010}));
-
-    RunUntilCycleDone();
-    EXPECT_GT(WriteWords(ABCL_WORD_B, "7:6", {66}, 4), 0);
-    EXPECT_EQ(Turn().result, 1);
-    EXPECT_EQ(SimWordsAt('N', 7, 6, 1), std::vector<uint16_t>{66});
+    EXPECT_EQ(info.retryCount, static_cast<int>((steps.size() - 4) % 2));
+    ExpectBothRecover(steps);
 }
 
 TEST_F(Silence, AOneShotReadIsReportedWithCallbackStatusTwo_Hardened) {
