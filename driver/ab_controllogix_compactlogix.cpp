@@ -135,13 +135,6 @@ void ResetDriverForTest() {
 
 namespace {
 
-// The bad-reply code of a variable, as SwitchErrorReturn gives it for the
-// request at the head of the frame queue.
-int BadReplyCodeOf(const RW_VAR& var, bool local) {
-    const int base = local ? 10 : 110;
-    return (var.varId >= 1 && var.varId <= 11) ? base + var.varId + 1 : base + 1;
-}
-
 // Hardened build: the entry at the head of the queue `mode` names built no
 // frame (its count or type is out of range). It is taken out of its queue and
 // reported as failed, in `current` and, for a one-shot read, through the
@@ -153,7 +146,8 @@ void DropUnbuildable(int mode) {
     if (queue.isEmpty()) return;
     const RW_VAR entry = queue.takeFirst();
     passRetValue(&entry, &d.current);
-    d.current.result = BadReplyCodeOf(entry, entry.linkNo == settings().localLinkNo);
+    d.current.result =
+        FailureCodeOf(entry.linkNo == settings().localLinkNo ? 10 : 110, entry.varId);
     if (mode == kModeOnce && d.callBack)
         d.callBack(settings().hostContext, entry.varId, entry.varSubId, 2);
 }
@@ -224,12 +218,14 @@ int GetDriverReturnValue(int outcome) {
     }
 }
 
-// The last digits of a failure code tell the host which kind of variable failed.
-int SwitchErrorReturn(int base) {
-    if (PLC_driver.protocolList.isEmpty()) return base + 1;
-    const int32_t varId = PLC_driver.protocolList.first().var.varId;
+int FailureCodeOf(int base, int32_t varId) {
     if (varId >= 1 && varId <= 11) return base + varId + 1;
     return base + 1;
+}
+
+int SwitchErrorReturn(int base) {
+    if (PLC_driver.protocolList.isEmpty()) return base + 1;
+    return FailureCodeOf(base, PLC_driver.protocolList.first().var.varId);
 }
 
 void passRetValue(const RW_VAR* source, RW_VAR* destination) {
@@ -261,15 +257,13 @@ int DealDataOfLocalArea(const QByteArray& reply, int len) {
     if (p.replyLen != len) return GetDriverReturnValue(kLocalWrongLength);
     const int check = CheckGetData(reply, len);
     if (kHardened && settings().remoteMode == 0) return DealMatchedReply(p, reply, len, check);
-    if (kHardened && check == 1) {
-        // The trailer (DLE ETX BCC) is never read as data.
-        DriverLock lock(&PLC_driver.imageMutex);
-        SaveToLocalDataErea(reply.left(len - frame_offset::kEtxDleFromEnd));
-        return GetDriverReturnValue(kLocalGood);
-    }
     if (check == 1) {
         DriverLock lock(&PLC_driver.imageMutex);
-        SaveToLocalDataErea(reply);
+        // The hardened build never reads the trailer (DLE ETX BCC) as data.
+        if (kHardened)
+            SaveToLocalDataErea(reply.left(len - frame_offset::kEtxDleFromEnd));
+        else
+            SaveToLocalDataErea(reply);
         return GetDriverReturnValue(kLocalGood);
     }
     if (check == 2) return GetDriverReturnValue(kLocalGood);

@@ -211,6 +211,10 @@ void ResetDriverForTest();
 int DealDataOfLocalArea(const QByteArray& reply, int len);
 int DealDataOfRemoteArea(const QByteArray& reply, int len);
 int GetDriverReturnValue(int outcome);
+// The last digits of a failure code tell the host which kind of variable
+// failed: base + varId + 1 for varId 1 to 11, else base + 1.
+int FailureCodeOf(int base, int32_t varId);
+// FailureCodeOf for the request at the head of the frame queue.
 int SwitchErrorReturn(int base);
 void passRetValue(const RW_VAR* source, RW_VAR* destination);
 

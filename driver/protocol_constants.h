@@ -147,16 +147,14 @@ constexpr int kTnsHigh = 5;
 constexpr int kPacketService = 8;
 constexpr int kPacketStatus = 10;
 constexpr int kPacketExtendedWords = 11;
+// The 16-bit fields below are read low byte first from the position named.
 constexpr int kReplyCountLow = 12;
-constexpr int kReplyCountHigh = 13;
 constexpr int kReplyOffsetLow = 14;
-constexpr int kReplyOffsetHigh = 15;
 constexpr int kService = 16;
 constexpr int kStatus = 18;
 constexpr int kExtendedWords = 19;
 constexpr int kNoDataLength = 20;  // a write's whole reply body
 constexpr int kTypeLow = 20;       // a read's data type, then its data
-constexpr int kTypeHigh = 21;
 constexpr int kData = 22;
 }  // namespace reply_body
 
